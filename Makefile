@@ -1,0 +1,80 @@
+# The front door: `make` lists what there is. Every target installs what it needs and is missing.
+SHELL := /bin/bash
+.SHELLFLAGS := -euo pipefail -c
+.DEFAULT_GOAL := help
+MAKEFLAGS += --no-print-directory
+
+JOBS ?= $(shell nproc)
+# Passed on to ctest, e.g. make test ARGS='-R unit_queue'.
+ARGS ?=
+
+.PHONY: help deps build test demo bench check check-all asan tsan clang tidy coverage format clean deps-build deps-test deps-checks
+
+help: ## list the targets
+	@echo "Targets:"
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' $(firstword $(MAKEFILE_LIST))
+
+build: deps-build ## make the release programs, in build/bin/
+	@cmake --preset release
+	@cmake --build --preset release -j $(JOBS)
+
+test: deps-test ## build everything for development and run all tests
+	@$(call run-tests,dev)
+
+demo: build ## show the whole pipeline at work against the development server
+	@build/bin/kestrova demo
+
+bench: deps-build ## run the benchmarks
+	@cmake --preset bench
+	@cmake --build --preset bench -j $(JOBS)
+	@for program in build/bench/bench/bench_*; do "$$program" $(ARGS); done
+
+check: deps-build deps-checks ## the fast checks: include rules, texts, formatting
+	@python3 -B tests/checks/test_checks.py
+	@python3 -B tests/checks/include_rules.py .
+	@python3 -B tests/checks/platform_rows.py .
+	@python3 -B tests/checks/texts.py .
+	@tools/format --check
+	@echo "Include rules, texts and formatting: in order"
+
+check-all: check asan tsan tidy coverage ## the heavy checks too: sanitizers, clang-tidy, coverage
+
+asan: deps-test ## run the tests with the address and undefined-behaviour sanitizers
+	@$(call run-tests,asan)
+
+tsan: deps-test deps-checks ## run the tests with the thread sanitizer (clang 19)
+	@$(call run-tests,tsan)
+
+clang: deps-test deps-checks ## run the tests as clang 19 compiles them
+	@$(call run-tests,clang)
+
+tidy: deps-build deps-checks ## run clang-tidy over src/
+	@cmake --preset clang
+	@tools/tidy
+
+coverage: deps-test deps-checks ## run the tests and report which lines they reach
+	@find build/coverage -name '*.gcda' -delete 2>/dev/null || true
+	@$(call run-tests,coverage)
+	@tools/coverage-report
+
+format: deps-checks ## format the C++ files in place
+	@tools/format
+
+deps: deps-test deps-checks ## install all that any target needs
+
+clean: ## remove everything that was built
+	rm -rf build
+
+deps-build:
+	@tools/install-packages build
+
+deps-test:
+	@tools/install-packages build node
+	@tools/install-npm
+
+deps-checks:
+	@tools/install-packages checks
+
+define run-tests
+cmake --preset $(1) && cmake --build --preset $(1) -j $(JOBS) && ctest --preset $(1) -j $(JOBS) $(ARGS)
+endef

@@ -1,0 +1,38 @@
+# Compiler settings shared by every target: kestrova_options carries the warnings, sanitizers and coverage counters.
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+endif()
+
+add_library(kestrova_options INTERFACE)
+target_compile_options(kestrova_options INTERFACE -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor
+                                                  -Woverloaded-virtual -Wcast-align -Wunused -Wnull-dereference)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # GCC 12 sees null dereferences and overlapping copies that are not there when it inlines the standard library.
+  target_compile_options(kestrova_options INTERFACE -Wno-null-dereference -Wno-restrict -Wduplicated-cond -Wlogical-op)
+endif()
+# The standard library checks the bounds and preconditions of its own operations in debug builds.
+target_compile_definitions(kestrova_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+target_include_directories(kestrova_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
+
+if(KESTROVA_SANITIZE)
+  add_compile_options(-fsanitize=${KESTROVA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g)
+  add_link_options(-fsanitize=${KESTROVA_SANITIZE})
+endif()
+if(KESTROVA_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
+
+# kestrova_room(NAME [DEPENDS target...]): a static library of every source in the current folder.
+function(kestrova_room name)
+  cmake_parse_arguments(ROOM "" "" "DEPENDS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  if(sources)
+    add_library(${name} STATIC ${sources})
+    target_link_libraries(${name} PUBLIC kestrova_options ${ROOM_DEPENDS})
+  else()
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE kestrova_options ${ROOM_DEPENDS})
+  endif()
+endfunction()

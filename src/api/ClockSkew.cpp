@@ -1,0 +1,35 @@
+// The stored clock correction: server time minus device time, in whole seconds, and the clock corrected by it.
+#include <cstdint>
+
+#include "client/KSVData.h"
+#include "companions/KSVConstants.h"
+#include "companions/KSVDebugger.h"
+#include "platform/UserDefaults.h"
+
+using platform::Date;
+using platform::UserDefaults;
+
+bool KSVData::setLocalSkew(const std::optional<std::string>& wwwAuthenticateHeader) {
+  if (!wwwAuthenticateHeader) return false;
+  const std::optional<Date> serverTime = getHawkAuth().getTimestampSkew(*wwwAuthenticateHeader);
+  if (!serverTime) return false;
+
+  // Against the raw device time, so that each correction is absolute and replaces the one before.
+  const auto skew = static_cast<std::int64_t>(serverTime->timeIntervalSinceDate(now()));
+  UserDefaults::standardUserDefaults().setObjectForKey(platform::Value(skew), kHawkLocalTimeSkew());
+  return true;
+}
+
+Date KSVData::now() {
+  constexpr std::int64_t kTestOffset = 0;  // seconds; simulates a wrong device clock, stays 0
+  return Date::date().dateByAddingTimeInterval(-static_cast<double>(kTestOffset));
+}
+
+std::int64_t KSVData::getLocalTimeSkew() { return UserDefaults::standardUserDefaults().integerForKey(kHawkLocalTimeSkew()); }
+
+Date KSVData::getSkewedLocalTime() {
+  const std::int64_t skew = getLocalTimeSkew();
+  const double local = now().timeIntervalSince1970();
+  if (skew != 0) debugTrace("Adjusting local time by %lld", skew);
+  return Date::dateWithTimeIntervalSince1970(local + static_cast<double>(skew));
+}

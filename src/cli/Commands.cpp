@@ -1,0 +1,176 @@
+// The commands that report events and look at what is kept.
+#include "cli/Commands.h"
+
+#include <fmt/format.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cli/EventInput.h"
+#include "cli/Host.h"
+#include "cli/LineReader.h"
+#include "cli/QueueInspection.h"
+#include "cli/Report.h"
+#include "companions/KSVConstants.h"
+#include "companions/KSVIdentityStorage.h"
+#include "companions/KSVUtils.h"
+#include "platform/UserDefaults.h"
+
+namespace cli {
+namespace {
+
+/// Turns the first SIGINT or SIGTERM into a request to stop, and the second into an end at once. Must be made before any other thread, so
+/// that every thread leaves these signals to the one that waits for them.
+class StopSignals {
+ public:
+  StopSignals() {
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGINT);
+    sigaddset(&signals_, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+  }
+
+  void onStop(std::function<void()> stop) {
+    std::thread([signals = signals_, stop = std::move(stop)] {
+      int signal = 0;
+      sigwait(&signals, &signal);
+      stop();
+      sigwait(&signals, &signal);
+      _exit(128 + signal);
+    }).detach();
+  }
+
+ private:
+  sigset_t signals_{};
+};
+
+int finishRun(Host& host, const Options& options, const std::vector<BadLine>& badLines = {}) {
+  const Account account = host.account();
+  printAccount(account, badLines, host.directives(), options.json);
+  return account.exitStatus(!badLines.empty());
+}
+
+/// Reports every good line; names and skips the others.
+std::vector<BadLine> reportLines(Host& host, LineReader& input) {
+  std::vector<BadLine> badLines;
+  Progress progress;
+  const auto skip = [&badLines](std::uint64_t number, const std::string& reason) {
+    badLines.push_back({number, reason});
+    printError(fmt::format("line {}: {}; skipped", number, reason));
+  };
+  std::uint64_t number = 0;
+  while (host.keepPace()) {
+    const std::optional<std::string> line = input.next();
+    if (!line) break;
+    ++number;
+    if (line->find_first_not_of(" \t\r") == std::string::npos) continue;
+    if (auto event = parseEventLine(*line)) {
+      host.report(event->name, std::move(event->data));
+    } else {
+      skip(number, event.error());
+    }
+    progress.update(host.recorded(), host.activity()->traffic().delivered);
+  }
+  if (!input.error().empty()) skip(number + 1, "cannot read on: " + input.error());
+  return badLines;
+}
+
+platform::Value textOrNull(const std::optional<platform::URL>& url) { return url ? platform::Value(url->path()) : platform::Value(); }
+
+}  // namespace
+
+int runEvent(const Options& options) {
+  StopSignals signals;
+  Host host(options);
+  std::optional<platform::Dictionary> data;
+  if (options.eventData) {
+    auto parsed = parseEventData(*options.eventData);
+    if (!parsed) {
+      printError("--data: " + parsed.error());
+      return kBadInput;
+    }
+    data = *std::move(parsed);
+  }
+  signals.onStop([activity = host.activity()] { activity->interrupt(); });
+  host.start();
+  host.report(options.eventName, std::move(data));
+  host.finish();
+  return finishRun(host, options);
+}
+
+int runEvents(const Options& options) {
+  StopSignals signals;
+  Host host(options);
+  auto opened = LineReader::open(options.inputFile);
+  if (!opened) {
+    printError(fmt::format("cannot read {}: {}", options.inputFile, opened.error()));
+    return kBadInput;
+  }
+  const auto input = std::make_shared<LineReader>(*std::move(opened));
+  signals.onStop([activity = host.activity(), input] {
+    activity->interrupt();
+    input->stop();
+  });
+  host.start();
+  const std::vector<BadLine> badLines = reportLines(host, *input);
+  host.finish();
+  return finishRun(host, options, badLines);
+}
+
+int runFlush(const Options& options) {
+  StopSignals signals;
+  Host host(options);
+  signals.onStop([activity = host.activity()] { activity->interrupt(); });
+  host.start();
+  host.flush();
+  return finishRun(host, options);
+}
+
+int runQueue(const Options& options) {
+  const Host host(options);
+  const auto queue = inspectQueue();
+  if (!queue) {
+    printError(queue.error().localizedDescription());
+    return kFailed;
+  }
+  printQueue(*queue, options.json);
+  return kDelivered;
+}
+
+int runStatus(const Options& options) {
+  const Host host(options);
+  auto& defaults = platform::UserDefaults::standardUserDefaults();
+  const auto support = KSVUtils::applicationSupportDirectory();
+  const std::int64_t skew = defaults.integerForKey(*Kestrova::defaultConstants().hawkLocalTimeSkew);
+  const std::int64_t features = defaults.integerForKey(kFeaturesDefault);
+  const auto reasons = defaults.objectForKey(kReasonsDefault);
+  const std::string identifier = KSVIdentityStorage().identifier().UUIDString();
+  const std::string application = options.bundleId.value_or(std::string(kSDKReverseDNSPrefix) + ".test");
+
+  if (options.json) {
+    printJSON({{"application", application},
+               {"device", identifier},
+               {"apiHost", options.apiHost ? platform::Value(*options.apiHost) : platform::Value()},
+               {"clockCorrection", skew},
+               {"applicationSupport", textOrNull(support)},
+               {"disabledFeatures", features},
+               {"disabledReasons", reasons.value_or(platform::Value())}});
+    return kDelivered;
+  }
+  printLine(fmt::format("application       {}", application));
+  printLine(fmt::format("device            {}", identifier));
+  printLine(fmt::format("API host          {}", options.apiHost.value_or("(not given)")));
+  printLine(fmt::format("clock correction  {} s", skew));
+  printLine(fmt::format("state             {}", support ? support->path() : "(no folder)"));
+  printLine(fmt::format("features off      {}{}", features, reasons ? " because " + reasons->description() : ""));
+  return kDelivered;
+}
+
+}  // namespace cli

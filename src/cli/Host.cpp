@@ -1,0 +1,203 @@
+// The host application inside the command.
+#include "cli/Host.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
+#include "client/KSVData.h"
+#include "companions/KSVDebugger.h"
+#include "companions/KSVFeatureControl.h"
+#include "platform/Exception.h"
+#include "platform/JSONSerialization.h"
+#include "platform/Process.h"
+#include "platform/UserDefaults.h"
+
+namespace cli {
+namespace {
+
+// Reporting goes on while no more than this is under way, so that memory stays bounded however long the input is.
+constexpr std::uint64_t kMaxRequestsUnderWay = 6;
+constexpr std::uint64_t kMaxWorkUnderWay = 1000;
+
+// Writing back what was cancelled needs no network; this bounds a disk that hangs.
+constexpr double kWriteBackLimit = 30;  // seconds
+
+// Trace lines of things that went well; every other line is a reason.
+constexpr auto kRoutine = std::to_array<std::string_view>(
+    {"Events successfully sent to server", "Writing ", "Read ", "Loading events from file", "No events on disk",
+     "Couldn't find any events to send to server", "Adjusting local time", "Re-submitting", "Got userId", "Got url Path", "Got matchQuality",
+     "Truncating file on disk"});
+
+bool isRoutine(std::string_view line) {
+  if (line.starts_with("Got ") && line.find("notification(s)") != std::string_view::npos) return true;
+  return std::ranges::any_of(kRoutine, [&](std::string_view start) { return line.starts_with(start); });
+}
+
+/// The first line, without the response's header fields, which differ from one answer to the next.
+std::string summary(std::string_view line) {
+  line = line.substr(0, line.find('\n'));
+  line = line.substr(0, line.find(", Headers {"));
+  constexpr std::size_t kLongest = 300;
+  return std::string(line.substr(0, kLongest));
+}
+
+}  // namespace
+
+ExitStatus Account::exitStatus(bool badInput) const {
+  if (lost > 0) return kLost;
+  if (kept > 0) return kKept;
+  return badInput ? kBadInput : kDelivered;
+}
+
+class Host::Delegate final : public KSVDelegate {
+ public:
+  explicit Delegate(Host& host) : host_(host) {}
+  void setUserId(const platform::Value& userId) override { note(userId, "userId"); }
+  void setAppIdentifier(const platform::Value& appIdentifier) override { note(appIdentifier, "appIdentifier"); }
+  void handleEventsFromServer(const platform::Value& notifications) override { note(notifications, "notifications"); }
+
+ private:
+  void note(const platform::Value& value, const char* directive) {
+    const std::lock_guard lock(host_.mutex_);
+    host_.directives_.setObjectForKey(value, directive);
+  }
+  Host& host_;
+};
+
+Host::Host(const Options& options) : options_(options) {
+  platform::SystemOptions system;
+  system.bundleIdentifier = options.bundleId;
+  system.homeDirectory = options.home;
+  std::unique_ptr<platform::Process> process = platform::makeSystemProcess(system);
+  process->queues = observe(process->queues, activity_);
+  process->urlSession = observe(process->urlSession, activity_);
+  platform::Process::install(std::move(process));
+}
+
+Host::~Host() {
+  if (kestrova_) KSVDebugger::sharedDebugger()->setListener(nullptr);
+}
+
+void Host::start() {
+  if (const auto queue = inspectQueue()) waiting_ = queue->records;
+  watchTrace();
+  Kestrova::Configuration configuration;
+  configuration.secret = options_.secret;
+  configuration.apiHost = options_.apiHost;
+  configuration.apiVersion = options_.apiVersion;
+  configuration.debug = true;  // the trace gives the reasons
+  kestrova_ = Kestrova::start(std::move(configuration));
+  delegate_ = std::make_shared<Delegate>(*this);
+  kestrova_->setDelegate(delegate_);
+}
+
+void Host::watchTrace() {
+  KSVDebugger::sharedDebugger()->setListener([this](std::string_view line) {
+    if (options_.debug) std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    const std::lock_guard lock(mutex_);
+    if (line.starts_with("Re-submitting")) ++resubmissions_;
+    if (line.starts_with("Truncating file on disk")) ++reasons_["The queue file was over its limit and lost its oldest records"];
+    if (!isRoutine(line)) ++reasons_[summary(line)];
+  });
+}
+
+void Host::report(const std::string& event, std::optional<platform::Dictionary> data) {
+  ++recorded_;
+  kestrova_->data()->createEventWithData(event, std::move(data));
+}
+
+bool Host::keepPace() {
+  // One send at a time until the server takes something, and again once it stops to: writing back and loading then never overlap.
+  const Traffic traffic = activity_->traffic();
+  const bool serverTakes = traffic.lastWasDelivered;
+  return activity_->waitUntilAtMost(serverTakes ? kMaxRequestsUnderWay : 0, serverTakes ? kMaxWorkUnderWay : 0, options_.timeout);
+}
+
+double Host::timeLeft() const {
+  return std::max(0.0, std::chrono::duration<double>(*deadline_ - std::chrono::steady_clock::now()).count());
+}
+
+void Host::sendAndWait() {
+  if (!deadline_) {
+    deadline_ = std::chrono::steady_clock::now() +
+                std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(options_.timeout));
+  }
+  kestrova_->data()->sendEventQueueToServer();
+  activity_->waitUntilAtMost(0, 0, timeLeft());
+}
+
+void Host::stopAndWriteBack() {
+  constexpr auto kIgnore = Activity::Interrupts::kIgnore;
+  kestrova_->data()->sendEventQueueToServer();
+  activity_->waitUntilAtMost(UINT64_MAX, 0, kWriteBackLimit, kIgnore);
+  activity_->cancelTasks();
+  activity_->waitUntilAtMost(0, 0, kWriteBackLimit, kIgnore);
+}
+
+void Host::finish() {
+  sendAndWait();
+  if (!activity_->isIdle()) stopAndWriteBack();
+  rememberFeatures();
+}
+
+void Host::flush() {
+  while (!activity_->interrupted()) {
+    const auto before = inspectQueue();
+    if (!before || before->bytes == 0) break;
+    const Traffic trafficBefore = activity_->traffic();
+    sendAndWait();
+    const Traffic traffic = activity_->traffic();
+    const auto after = inspectQueue();
+    const bool failed = traffic.requests > trafficBefore.requests && traffic.delivered == trafficBefore.delivered;
+    if (failed || !activity_->isIdle() || !after || after->bytes >= before->bytes) break;
+  }
+  if (!activity_->isIdle()) stopAndWriteBack();
+  rememberFeatures();
+}
+
+void Host::rememberFeatures() {
+  const auto features = KSVFeatureControl::sharedFeatureControl();
+  auto& defaults = platform::UserDefaults::standardUserDefaults();
+  const std::int64_t disabled = features->remotelyDisabledFeatures();
+  const auto reasons = features->reasons();
+  if (disabled == 0 && !reasons) return;
+  {
+    const std::lock_guard lock(mutex_);
+    directives_.setObjectForKey(platform::Value(disabled), "features");
+    if (reasons) directives_.setObjectForKey(*reasons, "reasons");
+  }
+  defaults.setObjectForKey(platform::Value(disabled), kFeaturesDefault);
+  // As text, because the server may have sent what user defaults do not take.
+  defaults.setObjectForKey(reasons ? std::optional<platform::Value>(reasons->description()) : std::nullopt, kReasonsDefault);
+}
+
+platform::Dictionary Host::directives() const {
+  const std::lock_guard lock(mutex_);
+  return directives_;
+}
+
+Account Host::account() const {
+  Account account;
+  const Traffic traffic = activity_->traffic();
+  account.recorded = recorded_;
+  account.waiting = waiting_;
+  account.delivered = traffic.delivered;
+  account.interrupted = activity_->interrupted();
+  if (const auto queue = inspectQueue()) account.kept = queue->records;
+  const std::uint64_t found = account.delivered + account.kept;
+  const std::uint64_t all = recorded_ + waiting_;
+  account.lost = all > found ? all - found : 0;
+
+  const std::lock_guard lock(mutex_);
+  account.reasons = reasons_;
+  if (traffic.challenges > resubmissions_) {
+    account.reasons["The server refused a batch with a clock challenge that could not be used, and the batch was dropped"] =
+        traffic.challenges - resubmissions_;
+  }
+  return account;
+}
+
+}  // namespace cli

@@ -1,0 +1,77 @@
+// Lines from a descriptor, read while nobody asked to stop.
+#include "cli/LineReader.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+namespace cli {
+
+std::expected<LineReader, std::string> LineReader::open(const std::string& path) {
+  const int descriptor = path == "-" ? dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return std::unexpected(std::string(std::strerror(errno)));
+  return LineReader(descriptor, eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+}
+
+LineReader::LineReader(LineReader&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)),
+      wake_(std::exchange(other.wake_, -1)),
+      buffer_(std::move(other.buffer_)),
+      position_(other.position_),
+      atEnd_(other.atEnd_),
+      error_(std::move(other.error_)) {}
+
+LineReader::~LineReader() {
+  if (descriptor_ >= 0) close(descriptor_);
+  if (wake_ >= 0) close(wake_);
+}
+
+void LineReader::stop() const {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = write(wake_, &one, sizeof one);
+}
+
+bool LineReader::fill() {
+  std::array<pollfd, 2> polled{pollfd{descriptor_, POLLIN, 0}, pollfd{wake_, POLLIN, 0}};
+  while (poll(polled.data(), polled.size(), -1) < 0) {
+    if (errno != EINTR) return false;
+  }
+  if (polled[1].revents != 0) return false;
+
+  std::array<char, 65536> chunk;
+  const auto length = read(descriptor_, chunk.data(), chunk.size());
+  if (length < 0) error_ = std::strerror(errno);
+  if (length <= 0) return false;
+  buffer_.erase(0, position_);
+  position_ = 0;
+  buffer_.append(chunk.data(), static_cast<std::size_t>(length));
+  return true;
+}
+
+std::optional<std::string> LineReader::next() {
+  std::size_t searched = position_;
+  while (true) {
+    const auto end = buffer_.find('\n', searched);
+    if (end != std::string::npos) {
+      std::string line = buffer_.substr(position_, end - position_);
+      position_ = end + 1;
+      return line;
+    }
+    const std::size_t pending = buffer_.size() - position_;
+    if (atEnd_ || !fill()) {
+      atEnd_ = true;
+      if (pending == 0) return std::nullopt;
+      return std::exchange(buffer_, {}).substr(std::exchange(position_, 0));
+    }
+    searched = position_ + pending;
+  }
+}
+
+}  // namespace cli

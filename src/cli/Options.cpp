@@ -1,0 +1,118 @@
+// Reading of arguments and environment.
+#include "cli/Options.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+namespace cli {
+namespace {
+
+std::optional<std::string> environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? std::optional<std::string>(value) : std::nullopt;
+}
+
+/// The content of a file without the line feed at its end.
+std::string readSecretFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string secret((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (!file) throw CLI::ValidationError("--secret-file", "cannot read " + path);
+  while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r')) secret.pop_back();
+  if (secret.empty()) throw CLI::ValidationError("--secret-file", path + " holds no secret");
+  return secret;
+}
+
+bool isOn(const std::optional<std::string>& value) { return value && !value->empty() && *value != "0"; }
+
+void requireForSending(const Options& options) {
+  if (!options.apiHost) throw CLI::RequiredError("--api-host (or KESTROVA_API_HOST)");
+  if (!options.secret) throw CLI::RequiredError("--secret-file (or KESTROVA_SECRET)");
+  if (!options.bundleId) throw CLI::RequiredError("--bundle-id (or KESTROVA_BUNDLE_ID)");
+}
+
+/// Host name with an optional port, nothing else: the client puts it between https:// and the path.
+void requireHost(const std::string& host) {
+  const auto colon = host.rfind(':');
+  const bool isLiteral = host.starts_with('[');
+  const std::string port = colon == std::string::npos || (isLiteral && host.ends_with(']')) ? "" : host.substr(colon + 1);
+  const bool badPort = port.find_first_not_of("0123456789") != std::string::npos || port.size() > 5 ||
+                       (!port.empty() && std::stol(port) > 65535) || (!isLiteral && host.ends_with(':'));
+  if (host.empty() || host.find_first_of("/?#@ \t\r\n\\\"") != std::string::npos || badPort) {
+    throw CLI::ValidationError("--api-host", "'" + host + "' is no host name with an optional port");
+  }
+}
+
+void addCommands(CLI::App& app, Options& options) {
+  app.require_subcommand(1);
+  const auto add = [&](const char* name, const char* description, Command command) {
+    CLI::App* subcommand = app.add_subcommand(name, description);
+    subcommand->fallthrough();
+    subcommand->callback([&options, command] { options.command = command; });
+    return subcommand;
+  };
+
+  CLI::App* event = add("event", "report one event and send it", Command::kEvent);
+  event->add_option("NAME", options.eventName, "the event's name")->required();
+  event->add_option("--data", options.eventData, "the event's data, a JSON object");
+  CLI::App* events = add("events", "report the events of a file, one JSON object a line: {\"event\": \"...\", \"data\": {...}}",
+                         Command::kEvents);
+  events->add_option("FILE", options.inputFile, "a path, or - for standard input")->required();
+  add("flush", "send what waits on disk", Command::kFlush);
+  add("queue", "show what waits on disk", Command::kQueue);
+  add("status", "show identity, clock correction, paths and switched-off features", Command::kStatus);
+  add("demo", "show the whole road of an event against a development server of its own", Command::kDemo);
+}
+
+constexpr const char* kFooter = R"(Environment: KESTROVA_API_HOST, KESTROVA_API_VERSION, KESTROVA_BUNDLE_ID, KESTROVA_HOME, KESTROVA_SECRET and
+KESTROVA_DEBUG=1 stand for the options of those names. SSL_CERT_FILE names trust anchors to use instead of the system's.
+
+Exit status: 0 everything delivered, 2 bad usage or bad input, 3 something kept for later, 4 something lost (4 before 3 before 2).
+
+Examples:
+  kestrova --api-host localhost:8443 --bundle-id com.example.app --secret-file secret event opened --data '{"screen": "home"}'
+  kestrova events events.jsonl --json
+  kestrova queue)";
+
+}  // namespace
+
+ParseResult parseOptions(int argc, char** argv) {
+  Options options;
+  std::optional<std::string> secretFile;
+  options.apiHost = environment("KESTROVA_API_HOST");
+  options.apiVersion = environment("KESTROVA_API_VERSION").value_or(options.apiVersion);
+  options.bundleId = environment("KESTROVA_BUNDLE_ID");
+  options.home = environment("KESTROVA_HOME");
+  options.secret = environment("KESTROVA_SECRET");
+  options.debug = isOn(environment("KESTROVA_DEBUG"));
+
+  CLI::App app("kestrova: a host application with the SDK inside, for people and scripts", "kestrova");
+  app.footer(kFooter);
+  app.get_formatter()->column_width(34);
+  app.add_option("--api-host", options.apiHost, "HOST[:PORT] of the API");
+  app.add_option("--api-version", options.apiVersion, "API version (default 1)");
+  app.add_option("--bundle-id", options.bundleId, "the application's reverse-DNS identifier");
+  app.add_option("--home", options.home, "folder for the application's state instead of the user's data folder");
+  app.add_option("--secret-file", secretFile, "file that holds the API secret");
+  app.add_option("--timeout", options.timeout, "seconds to wait for outcomes (default 30)")->check(CLI::Range(0.0, 1e6));
+  app.add_flag("--debug", options.debug, "print trace lines to standard error as they are stored");
+  app.add_flag("--json", options.json, "the report as one JSON object on standard output");
+  addCommands(app, options);
+
+  try {
+    app.parse(argc, argv);
+    if (secretFile) options.secret = readSecretFile(*secretFile);
+    if (options.command == Command::kEvent || options.command == Command::kEvents || options.command == Command::kFlush) {
+      requireForSending(options);
+    }
+    if (options.apiHost) requireHost(*options.apiHost);
+  } catch (const CLI::ParseError& error) {
+    const bool asked = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
+    return {std::nullopt, asked ? app.exit(error) : (app.exit(error), static_cast<int>(kBadInput))};
+  }
+  return {std::move(options), 0};
+}
+
+}  // namespace cli

@@ -1,0 +1,100 @@
+// Sentences and JSON for the command's end.
+#include "cli/Report.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "platform/JSONSerialization.h"
+
+namespace cli {
+namespace {
+
+double secondsNow() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+constexpr double kTerminalInterval = 0.1;  // seconds
+constexpr double kPlainInterval = 5;       // seconds
+
+platform::Value textOrNull(const std::optional<std::string>& text) { return text ? platform::Value(*text) : platform::Value(); }
+
+platform::Dictionary accountObject(const Account& account, const std::vector<BadLine>& badLines,
+                                   const platform::Dictionary& directives) {
+  platform::Dictionary reasons;
+  for (const auto& [reason, count] : account.reasons) reasons.setObjectForKey(platform::Value(count), reason);
+  platform::Array lines;
+  for (const BadLine& line : badLines) lines.addObject(platform::Value(platform::Dictionary{{"line", line.number}, {"reason", line.reason}}));
+  return {{"recorded", account.recorded},
+          {"waiting", account.waiting},
+          {"delivered", account.delivered},
+          {"kept", account.kept},
+          {"lost", account.lost},
+          {"interrupted", account.interrupted},
+          {"reasons", reasons},
+          {"badLines", lines},
+          {"directives", directives}};
+}
+
+}  // namespace
+
+void printLine(const std::string& line) { fmt::print(stdout, "{}\n", line); }
+void printError(const std::string& line) { fmt::print(stderr, "kestrova: {}\n", line); }
+
+void printJSON(const platform::Dictionary& object) {
+  const auto text = platform::JSONSerialization::dataWithJSONObject(object);
+  if (text) printLine(std::string(text->bytes()));
+}
+
+std::string counted(std::uint64_t count, const std::string& noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
+
+void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json) {
+  if (json) {
+    printJSON(accountObject(account, badLines, directives));
+    return;
+  }
+  if (account.interrupted) printLine("Stopped early.");
+  std::string waiting;
+  if (account.waiting > 0) waiting = fmt::format(" and {} from earlier runs", account.waiting);
+  printLine(fmt::format("{} recorded{}: {} delivered, {} kept on disk, {} lost.", counted(account.recorded, "event"), waiting,
+                        account.delivered, account.kept, account.lost));
+  for (const auto& [reason, count] : account.reasons) printLine(fmt::format("  {}{}", reason, count > 1 ? fmt::format(" ({} times)", count) : ""));
+  for (const auto& [name, value] : directives) printLine(fmt::format("  The server said {} = {}", name.view(), value.description()));
+  if (account.kept > 0) printLine("What was kept goes out with the next events, or with `kestrova flush`.");
+}
+
+void printQueue(const QueueContent& queue, bool json) {
+  if (json) {
+    printJSON({{"path", queue.path},
+               {"records", queue.records},
+               {"bytes", queue.bytes},
+               {"badLines", queue.badLines},
+               {"unendedTail", queue.hasUnendedTail},
+               {"oldest", textOrNull(queue.oldest)},
+               {"newest", textOrNull(queue.newest)}});
+    return;
+  }
+  printLine(fmt::format("{}: {}, {}", queue.path, counted(queue.records, "record"), counted(queue.bytes, "byte")));
+  if (queue.records > 0) printLine(fmt::format("oldest {}, newest {}", queue.oldest.value_or("?"), queue.newest.value_or("?")));
+  if (queue.badLines > 0) printLine(fmt::format("{} that {} not parse; the next send drops {}", counted(queue.badLines, "line"),
+                                                queue.badLines == 1 ? "does" : "do", queue.badLines == 1 ? "it" : "them"));
+  if (queue.hasUnendedTail) printLine("The last record is incomplete.");
+}
+
+Progress::Progress() : isTerminal_(isatty(STDERR_FILENO) == 1), last_(secondsNow()) {}
+
+Progress::~Progress() {
+  if (isDrawn_) fmt::print(stderr, "\r\033[K");
+}
+
+void Progress::update(std::uint64_t recorded, std::uint64_t delivered) {
+  const double now = secondsNow();
+  if (now - last_ < (isTerminal_ ? kTerminalInterval : kPlainInterval)) return;
+  last_ = now;
+  isDrawn_ = isTerminal_;
+  const char* frame = isTerminal_ ? "\r\033[K{} recorded, {} delivered" : "{} recorded, {} delivered\n";
+  fmt::print(stderr, fmt::runtime(frame), counted(recorded, "event"), delivered);
+  std::fflush(stderr);
+}
+
+}  // namespace cli

@@ -1,0 +1,47 @@
+// What the command tells people and scripts at its end.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/Host.h"
+#include "cli/QueueInspection.h"
+#include "platform/Value.h"
+
+namespace cli {
+
+struct BadLine {
+  std::uint64_t number = 0;  // from 1
+  std::string reason;
+};
+
+/// The account of a run that sent something: on standard output, as sentences or as one JSON object.
+void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json);
+void printQueue(const QueueContent& queue, bool json);
+
+/// A line on standard output.
+void printLine(const std::string& line);
+/// A line on standard error, after the command's name.
+void printError(const std::string& line);
+void printJSON(const platform::Dictionary& object);
+/// `1 event`, `2 events`.
+std::string counted(std::uint64_t count, const std::string& noun);
+
+/// Tells how far a long run is: one line that is redrawn on a terminal, a line every few seconds elsewhere. On standard error.
+class Progress {
+ public:
+  Progress();
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  void update(std::uint64_t recorded, std::uint64_t delivered);
+
+ private:
+  bool isTerminal_;
+  bool isDrawn_ = false;
+  double last_;  // seconds
+};
+
+}  // namespace cli

@@ -1,0 +1,132 @@
+// The client: turns events into records, keeps what could not be delivered, and talks to the API.
+//
+// One long-lived object, made by the facade. It takes no lock. The in-memory list and the reading of the queue file belong to its
+// serial queue; outcomes of requests, and with them the writing of the queue file, belong to the URL session's completion queue.
+// Queued blocks and completion handlers keep the client alive until they have run; the delegate is held weakly.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "companions/KSVDelegate.h"
+#include "companions/KSVHawkAuth.h"
+#include "platform/Data.h"
+#include "platform/Date.h"
+#include "platform/DispatchQueue.h"
+#include "platform/Error.h"
+#include "platform/FileHandle.h"
+#include "platform/Slot.h"
+#include "platform/Timer.h"
+#include "platform/URL.h"
+#include "platform/URLRequest.h"
+#include "platform/URLResponse.h"
+#include "platform/Value.h"
+
+class KSVData : public std::enable_shared_from_this<KSVData> {
+ public:
+  using CompletionHandler = std::function<void()>;
+
+  /// The only constructor. A missing secret is kept as missing: nothing can be signed then. Makes the serial queue, takes the
+  /// application's and the device's identifiers, begins the first session, and queues the sweep of old upload files. Sends nothing.
+  /// Null when there is no memory for the object. Any thread.
+  static std::shared_ptr<KSVData> initWithSecret(std::optional<std::string> secret);
+
+  /// Who is told of what the server answers; held weakly, never kept alive. Any thread.
+  std::shared_ptr<KSVDelegate> delegate() const { return delegate_.load().lock(); }
+  void setDelegate(const std::shared_ptr<KSVDelegate>& delegate) { delegate_.store(delegate); }
+
+  /// The platform's handler for a background URL session, until the session's end calls it. Any thread.
+  CompletionHandler backgroundCompletionHandler() const;
+  void setBackgroundCompletionHandler(CompletionHandler handler);
+
+  /// Begins a new session: later events carry its identifier. Any thread.
+  void markNewSession();
+  /// Records one event. Copies what it must, submits one block and returns. An entry "sessionId" of the data replaces the current
+  /// session identifier, an entry "localTime" the time of recording. An absent event name ends the process. Any thread.
+  void createEvent(std::optional<std::string> event);
+  void createEventWithData(std::optional<std::string> event, std::optional<platform::Dictionary> data);
+
+  /// Starts a send of what waits on disk (a bounded share) and in memory. Returns at once; any thread.
+  void sendEventQueueToServer();
+
+ private:
+  friend struct KSVDataInspector;
+
+  using Events = platform::Array;  // event records, oldest first
+
+  KSVData() = default;
+  void startWithSecret(std::optional<std::string> secret);
+
+  // Start-up: where uploads live, and the sweep of those that were left behind.
+  std::optional<platform::URL> uploadDirectory();
+  void deleteOldUploadFiles();
+
+  // Sessions and event records (client/): what an event becomes, on the serial queue.
+  platform::String getNewSessionId();
+  platform::Dictionary addEventWrappingWithData(const std::optional<std::string>& event, platform::Dictionary eventData);
+  void addEventToQueue(std::optional<platform::Dictionary> data);
+
+  // The queue file (queue/): every change is one atomic replacement.
+  std::optional<platform::URL> jsonFileURL();
+  void saveQueueToFile(const Events& queue);
+  bool replaceEventQueueFromTempfile(const std::optional<platform::URL>& tempfileUrl);
+  bool deleteFileAndLogAndIgnoreErrors(const std::optional<platform::URL>& fileToDelete);
+  std::optional<Events> getSavedJsonData();
+  void rewriteQueueWithoutHead(const std::optional<platform::URL>& targetFile, platform::FileHandle& fileHandle,
+                               const platform::Data& unparsedBytes, std::uint64_t eventsRead);
+  bool copyRestOfQueue(platform::FileHandle& fileHandle, platform::FileHandle& tempfileHandle,
+                       const std::optional<platform::URL>& tempfileUrl);
+  void truncateQueueOnDisk();
+
+  // Authenticated requests (api/): the one request format of every endpoint.
+  std::string getApiVersion();
+  platform::URLRequest buildRequestForApi(const std::string& path);
+  platform::URLRequest buildAuthenticatedRequestForDataPathData(const std::string& method, const std::string& path,
+                                                                const platform::Data& data);
+  std::optional<platform::URLRequest> buildAuthenticatedRequestPathBody(const std::string& method, const std::string& path,
+                                                                        const platform::Dictionary& body);
+  std::optional<std::string> authHeaderForDataRequest(const std::optional<platform::String>& payload,
+                                                      const platform::URLRequest& request);
+  KSVHawkAuth getHawkAuth();
+
+  // Clock skew (api/): the stored correction and the corrected clock.
+  bool setLocalSkew(const std::optional<std::string>& wwwAuthenticateHeader);
+  platform::Date now();
+  std::int64_t getLocalTimeSkew();
+  platform::Date getSkewedLocalTime();
+
+  // Event submission (api/): one batch, at most two posts, and what becomes of it.
+  void sendEvents(Events events);
+  void sendEventsAttempt(Events events, std::int32_t attemptNumber);
+  void handleEventsOutcome(Events events, std::int32_t attemptNumber, const std::optional<platform::Data>& data,
+                           const platform::HTTPURLResponseRef& response, const std::optional<platform::Error>& error);
+
+  // Server directives (api/): what the answer tells the delegate and the feature switchboard.
+  void interpretResponseData(const platform::Value& responseData);
+  void registerNotifications(const platform::Value& notifications);
+
+  // Limits. The integers never change after start-up.
+  std::int32_t newEventsInMemory = 0;          // records in memory at which a send starts
+  std::int32_t maxQueueSizeOnDiskInBytes = 0;  // soft limit of the queue file
+  [[maybe_unused]] std::int32_t retryTimeout = 0;
+
+  // Identity. Only the session changes after start-up.
+  std::optional<std::string> appSecret;
+  platform::Slot<std::optional<platform::String>> sessionId;
+  std::optional<std::string> deviceId;
+
+  [[maybe_unused]] std::shared_ptr<platform::Timer> retryTimer;
+  [[maybe_unused]] std::shared_ptr<platform::Array> sendQueue;
+
+  std::optional<std::string> appRDNS;  // the host application's reverse-DNS identifier
+
+  platform::Array diskCacheQueue;  // records not yet handed to a send; in memory, touched on diskCacheAccessQueue only
+  std::shared_ptr<platform::DispatchQueue> diskCacheAccessQueue;
+
+  platform::Slot<std::weak_ptr<KSVDelegate>> delegate_;
+  platform::Slot<std::shared_ptr<const CompletionHandler>> backgroundCompletionHandler_;
+};

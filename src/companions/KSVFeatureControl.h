@@ -1,0 +1,28 @@
+// The switchboard of features that the server has switched off.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "platform/Value.h"
+
+/// Feature n is bit n of the server's number, 0 to 63. Any thread.
+class KSVFeatureControl {
+ public:
+  static std::shared_ptr<KSVFeatureControl> sharedFeatureControl();
+
+  /// Replaces what was recorded before. The reasons are kept as they came, of whatever kind.
+  void setRemotelyDisabledFeaturesWithReasons(std::int64_t features, std::optional<platform::Value> reasons);
+
+  std::int64_t remotelyDisabledFeatures() const;
+  std::optional<platform::Value> reasons() const;
+  /// True unless the server has switched the feature off; true for a number outside 0 to 63.
+  bool isFeatureEnabled(int feature) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::int64_t features_ = 0;
+  std::optional<platform::Value> reasons_;
+};

@@ -1,0 +1,147 @@
+// The API and the server's own pages, apart from the wire: what a request means, whether it is taken, and what is answered.
+//
+// A request comes in two steps, so that nobody unknown can make the server read a body: Exchange is made from the header and
+// verifies it; only then says plan() whether the body is wanted. finish() verifies the rest, applies misbehaviour, writes the
+// journal and answers.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "devserver/Behaviour.h"
+#include "devserver/HawkVerifier.h"
+#include "devserver/Journal.h"
+#include "platform/Value.h"
+
+namespace devserver {
+
+/// The longest body of a JSON request, and of a GIF, in bytes.
+inline constexpr std::uint64_t kMaxTextBody = 64ULL * 1024 * 1024;
+inline constexpr std::uint64_t kMaxGif = 1024ULL * 1024 * 1024;
+
+/// The header of a request as it was received.
+struct RequestHead {
+  std::string method;
+  std::string target;
+  std::string host;
+  std::optional<std::string> authorization;
+  std::string contentType;
+  bool hasOrigin = false;        // sent by a page in a browser
+  bool isAmbiguous = false;      // Host or Authorization more than once, or no Host
+  std::uint64_t connection = 0;  // which of the server's connections it came on
+
+  std::string_view path() const { return std::string_view(target).substr(0, target.find('?')); }
+  /// The value of a query parameter as it stands; absent when there is none.
+  std::optional<std::string> parameter(std::string_view name) const;
+};
+
+/// What the connection is to do once a request is dealt with.
+struct Reaction {
+  std::optional<Answer> answer;  // absent: close without one
+  std::chrono::milliseconds delay{0};
+};
+
+/// What all connections share. Any thread.
+class Api {
+ public:
+  using Now = std::function<std::chrono::milliseconds()>;
+
+  Api(HawkVerifier::Keys keys, Journal& journal, std::filesystem::path authorityFile, Now now);
+
+  Behaviour& behaviour() { return behaviour_; }
+  /// The time that requests are measured by.
+  std::chrono::milliseconds serverTime() const { return now_() + behaviour_.clockOffset(); }
+
+ private:
+  friend class Exchange;
+
+  /// Keeps a share and returns its referral code.
+  std::string submitShare(std::string_view app, std::string_view device, platform::Dictionary share);
+  /// The shares that go by these codes, comma-separated, in their order; unknown ones are left out.
+  platform::Array findShares(std::string_view ids);
+  std::string page() const;
+
+  Behaviour behaviour_;
+  HawkVerifier verifier_;
+  Journal& journal_;
+  const std::filesystem::path authorityFile_;
+  const std::vector<std::string> applications_;
+  const Now now_;
+  std::atomic<std::uint64_t> taken_{0};
+  std::mutex mutex_;
+  std::map<std::string, platform::Dictionary, std::less<>> shares_;
+};
+
+/// One request on its way. Used by one thread.
+class Exchange {
+ public:
+  struct Plan {
+    bool wantsBody = false;
+    std::uint64_t maxBody = 0;
+  };
+
+  Exchange(Api& api, RequestHead head);
+  ~Exchange();
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+
+  Plan plan() const;
+  /// A piece of the body; not more than the plan allows in all.
+  void take(std::string_view piece);
+  /// The body was longer than the plan allows.
+  void refuseLongBody();
+  /// The connection ended, or failed, before the whole body had come. Nothing can be answered, but the journal says so.
+  void abandon();
+  Reaction finish();
+
+ private:
+  enum class Route { kPage, kRecords, kBehaviour, kEvents, kSubmitShare, kFindShares, kPatch, kGif, kNone };
+  class GifDigest;
+  void route();
+  void refuse(int status, std::string reason, std::string challenge = {});
+  void refuse(HawkRefusal refusal) { refuse(refusal.status, std::move(refusal.reason), std::move(refusal.challenge)); }
+  /// One of the server's own pages, which are neither journalled nor misbehaved with.
+  bool isOwn() const { return route_ == Route::kPage || route_ == Route::kRecords || route_ == Route::kBehaviour; }
+  bool hasTextBody() const { return route_ == Route::kEvents || route_ == Route::kSubmitShare || route_ == Route::kPatch; }
+
+  void verifyHeader();
+  void verifyBody();
+  /// Reads what was posted, for the journal too, and refuses what the API does not take.
+  void examine();
+  std::expected<platform::Value, std::string> readPosted() const;
+  std::expected<void, std::string> checkPosted(const platform::Value& data);
+
+  Answer serveOwn();
+  Answer serveBehaviour();
+  Answer serveApi();
+  Reaction misbehave(const Misbehaviour& misbehaviour) const;
+
+  bool record(int status, const char* misbehaviour);
+  void print(int status, std::string_view misbehaviour) const;
+  std::string remark() const;
+
+  Api& api_;
+  const RequestHead head_;
+  Route route_ = Route::kNone;
+  std::optional<HawkTicket> ticket_;
+  std::optional<Answer> refusal_;
+  std::string verdict_ = "ok";
+  std::string body_;
+  std::uint64_t bodyBytes_ = 0;
+  std::unique_ptr<GifDigest> gif_;
+  platform::Value posted_;        // the member "data" of a JSON body
+  platform::Dictionary details_;  // what the journal says beyond the members that every entry has
+};
+
+}  // namespace devserver

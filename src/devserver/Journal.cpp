@@ -1,0 +1,98 @@
+// Appending to the journal file and to standard output.
+#include "devserver/Journal.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <system_error>
+
+#include "devserver/Json.h"
+
+namespace devserver {
+namespace {
+
+std::unexpected<std::string> failure(const char* action, const std::filesystem::path& file) {
+  return std::unexpected(std::string(action) + " " + file.string() + ": " + std::generic_category().message(errno));
+}
+
+bool writeAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+}  // namespace
+
+Journal::~Journal() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+std::expected<void, std::string> Journal::open(const std::filesystem::path& file) {
+  file_ = file;
+  descriptor_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (descriptor_ < 0) return failure("cannot open the journal", file);
+  const off_t end = ::lseek(descriptor_, 0, SEEK_END);
+  if (end < 0) return failure("cannot use as a journal", file);
+  start_ = static_cast<std::uint64_t>(end);
+  return {};
+}
+
+std::expected<void, std::string> Journal::append(const platform::Dictionary& entry) {
+  const std::string line = writeJson(entry) + "\n";
+  std::lock_guard lock(mutex_);
+  const off_t before = ::lseek(descriptor_, 0, SEEK_END);
+  if (writeAll(descriptor_, line)) return {};
+  const auto failed = failure("cannot write to the journal", file_);
+  // Half a line would make the next one unreadable too.
+  if (before >= 0) static_cast<void>(::ftruncate(descriptor_, before) == 0);
+  return failed;
+}
+
+std::expected<std::string, std::string> Journal::entriesAsJson() const {
+  std::lock_guard lock(mutex_);
+  std::string text = "[";
+  std::array<char, 65536> block{};
+  std::uint64_t at = start_;
+  ssize_t count = 0;
+  while ((count = ::pread(descriptor_, block.data(), block.size(), static_cast<off_t>(at))) > 0 || (count < 0 && errno == EINTR)) {
+    if (count < 0) continue;
+    text.append(block.data(), static_cast<std::size_t>(count));
+    at += static_cast<std::uint64_t>(count);
+  }
+  if (count < 0) return failure("cannot read the journal", file_);
+  // Within a line every control character is escaped: each line feed ends an entry.
+  std::ranges::replace(text, '\n', ',');
+  if (text.ends_with(',')) text.pop_back();
+  return text + "]";
+}
+
+std::string timeText() {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(now));
+  const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(now).time_since_epoch().count() % 1000;
+  std::tm parts{};
+  ::gmtime_r(&seconds, &parts);
+  std::array<char, 96> text{};
+  const int length =
+      std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900, parts.tm_mon + 1,
+                    parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, static_cast<int>(milliseconds));
+  return {text.data(), static_cast<std::size_t>(length)};
+}
+
+void printLine(std::string_view line) {
+  // One call for each line keeps the lines of different threads whole.
+  writeAll(STDOUT_FILENO, std::string(line) + "\n");
+}
+
+}  // namespace devserver

@@ -1,0 +1,17 @@
+// The system's secure random source.
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+namespace platform {
+
+class SecureRandom {
+ public:
+  static SecureRandom& source();
+  virtual ~SecureRandom() = default;
+  /// Fills with bytes that nobody can guess. Any thread; never fails once the system is up.
+  virtual void fill(std::span<std::byte> bytes) = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,23 @@
+// What happens to an exception that leaves a block, a completion handler or a delegate operation (platform row Q2).
+#pragma once
+
+#include <exception>
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+class UncaughtException {
+ public:
+  static UncaughtException& handler();
+  virtual ~UncaughtException() = default;
+  /// Given the exception by whoever ran the code. The real one writes the text below to the system log and aborts the process; a
+  /// test's one records it and returns.
+  virtual void uncaught(std::exception_ptr exception) = 0;
+
+  /// `*** Terminating app due to uncaught exception '<name>', reason: '<reason>'`; of an exception of another kind the name is its
+  /// type's and the reason its what().
+  static std::string description(const std::exception_ptr& exception);
+};
+
+}  // namespace platform
