@@ -134,7 +134,8 @@ void bareCopySyncRename(benchmark::State& state) {
     const auto start = Clock::now();
     const int in = open(target.c_str(), O_RDONLY | O_CLOEXEC);
     const int out = open(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    while (copy_file_range(in, nullptr, out, nullptr, 1U << 30, 0) > 0) {}
+    while (copy_file_range(in, nullptr, out, nullptr, 1U << 30, 0) > 0) {
+    }
     if (write(out, batch.data(), batch.size()) < 0) state.SkipWithError("write failed");
     fsync(out);
     close(out);
@@ -177,4 +178,3 @@ void truncation(benchmark::State& state) {
 BENCHMARK(truncation)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
-

@@ -23,7 +23,8 @@ class InstantTask final : public URLSessionTask {
   State state() const override { return handler_ ? State::kSuspended : State::kCompleted; }
   void resume() override {
     auto handler = std::exchange(handler_, nullptr);
-    handler(platform::Data("{}"), std::make_shared<platform::HTTPURLResponse>(url_, 200, platform::HTTPHeaderFields()), std::nullopt);
+    handler(platform::Data("{}"), std::make_shared<platform::HTTPURLResponse>(url_, 200, platform::HTTPHeaderFields()),
+            std::nullopt);
   }
   void cancel() override {}
 

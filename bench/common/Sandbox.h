@@ -12,7 +12,8 @@
 
 namespace bench {
 
-/// The real services of this machine over a temporary folder; requests are taken and answered with 200 and {} at once, without a network.
+/// The real services of this machine over a temporary folder; requests are taken and answered with 200 and {} at once, without a
+/// network.
 class Sandbox {
  public:
   Sandbox();

@@ -112,7 +112,9 @@ class ObservedQueues final : public platform::DispatchQueues {
   ObservedQueues(std::shared_ptr<DispatchQueues> queues, std::shared_ptr<Activity> activity)
       : queues_(std::move(queues)), activity_(std::move(activity)) {}
 
-  std::shared_ptr<DispatchQueue> makeSerialQueue(std::string_view label) override { return observed(queues_->makeSerialQueue(label)); }
+  std::shared_ptr<DispatchQueue> makeSerialQueue(std::string_view label) override {
+    return observed(queues_->makeSerialQueue(label));
+  }
   std::shared_ptr<DispatchQueue> mainQueue() override { return observed(queues_->mainQueue()); }
   std::shared_ptr<DispatchQueue> globalBackgroundQueue() override { return observed(queues_->globalBackgroundQueue()); }
   void setMainExecutor(Executor executor) override { queues_->setMainExecutor(std::move(executor)); }
@@ -152,7 +154,8 @@ class ObservedTask final : public URLSessionTask, public std::enable_shared_from
   void cancel() override { task_->cancel(); }
 
   void completed(const platform::HTTPURLResponseRef& response, bool failed) {
-    activity_->answered(records_, platform::statusCode(response), failed, platform::headerField(response, "www-authenticate").has_value());
+    activity_->answered(records_, platform::statusCode(response), failed,
+                        platform::headerField(response, "www-authenticate").has_value());
   }
   void handled() { activity_->taskEnded(shared_from_this()); }
 
@@ -171,9 +174,9 @@ class ObservedURLSession final : public URLSession {
                                                                        CompletionHandler handler) override {
     auto observed = std::make_shared<ObservedTask>(activity_, recordsIn(request));
     observed->wrap(session_->dataTaskWithRequestCompletionHandler(
-        std::move(request), [observed, handler = std::move(handler)](std::optional<platform::Data> data,
-                                                                     platform::HTTPURLResponseRef response,
-                                                                     std::optional<platform::Error> error) mutable {
+        std::move(request),
+        [observed, handler = std::move(handler)](std::optional<platform::Data> data, platform::HTTPURLResponseRef response,
+                                                 std::optional<platform::Error> error) mutable {
           observed->completed(response, error.has_value());
           handler(std::move(data), std::move(response), std::move(error));
           handler = nullptr;
@@ -189,7 +192,8 @@ class ObservedURLSession final : public URLSession {
 
 }  // namespace
 
-std::shared_ptr<platform::DispatchQueues> observe(std::shared_ptr<platform::DispatchQueues> queues, std::shared_ptr<Activity> activity) {
+std::shared_ptr<platform::DispatchQueues> observe(std::shared_ptr<platform::DispatchQueues> queues,
+                                                  std::shared_ptr<Activity> activity) {
   return std::make_shared<ObservedQueues>(std::move(queues), std::move(activity));
 }
 

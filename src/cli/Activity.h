@@ -58,8 +58,8 @@ class Activity {
   bool interrupted() const;
 
   enum class Interrupts { kHeed, kIgnore };
-  /// Waits until at most `requests` requests and `work` pieces of work are under way. False when that takes longer than `limit` seconds,
-  /// or when it was interrupted.
+  /// Waits until at most `requests` requests and `work` pieces of work are under way. False when that takes longer than `limit`
+  /// seconds, or when it was interrupted.
   bool waitUntilAtMost(std::uint64_t requests, std::uint64_t work, double limit, Interrupts interrupts = Interrupts::kHeed);
 
  private:
@@ -74,7 +74,8 @@ class Activity {
   std::set<std::shared_ptr<platform::URLSessionTask>> tasks_;
 };
 
-std::shared_ptr<platform::DispatchQueues> observe(std::shared_ptr<platform::DispatchQueues> queues, std::shared_ptr<Activity> activity);
+std::shared_ptr<platform::DispatchQueues> observe(std::shared_ptr<platform::DispatchQueues> queues,
+                                                  std::shared_ptr<Activity> activity);
 std::shared_ptr<platform::URLSession> observe(std::shared_ptr<platform::URLSession> session, std::shared_ptr<Activity> activity);
 
 }  // namespace cli

@@ -13,8 +13,8 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 
 class ChildProcess {
  public:
-  /// Starts the program at `path`. `environment` is laid over this process's own. Standard output goes to `outputFile` unless that is
-  /// empty. Throws std::system_error when it cannot be started.
+  /// Starts the program at `path`. `environment` is laid over this process's own. Standard output goes to `outputFile` unless that
+  /// is empty. Throws std::system_error when it cannot be started.
   ChildProcess(const std::string& path, const std::vector<std::string>& arguments, const Environment& environment,
                const std::string& outputFile);
   /// Kills the program when it still runs.

@@ -26,8 +26,8 @@
 namespace cli {
 namespace {
 
-/// Turns the first SIGINT or SIGTERM into a request to stop, and the second into an end at once. Must be made before any other thread, so
-/// that every thread leaves these signals to the one that waits for them.
+/// Turns the first SIGINT or SIGTERM into a request to stop, and the second into an end at once. Must be made before any other
+/// thread, so that every thread leaves these signals to the one that waits for them.
 class StopSignals {
  public:
   StopSignals() {
@@ -82,7 +82,9 @@ std::vector<BadLine> reportLines(Host& host, LineReader& input) {
   return badLines;
 }
 
-platform::Value textOrNull(const std::optional<platform::URL>& url) { return url ? platform::Value(url->path()) : platform::Value(); }
+platform::Value textOrNull(const std::optional<platform::URL>& url) {
+  return url ? platform::Value(url->path()) : platform::Value();
+}
 
 }  // namespace
 

@@ -1,7 +1,7 @@
 // The demo: the whole road of an event, against a development server of its own, with real processes on both sides.
 //
-// Every chapter runs the kestrova command as a person would, and then compares what the server's journal says it received with what was
-// reported. The demo fails when the two do not agree.
+// Every chapter runs the kestrova command as a person would, and then compares what the server's journal says it received with what
+// was reported. The demo fails when the two do not agree.
 #include <fmt/format.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -134,10 +134,10 @@ class Server {
   void start(const std::vector<std::string>& behaviour = {}) {
     const fs::path ready = folder_ / "server-ready.json";
     fs::remove(ready);
-    std::vector<std::string> arguments{"--port",      std::to_string(port_),
-                                       "--state",     (folder_ / "server").string(),
-                                       "--apps",      (folder_ / "apps.json").string(),
-                                       "--journal",   journal().string(),
+    std::vector<std::string> arguments{"--port",       std::to_string(port_),
+                                       "--state",      (folder_ / "server").string(),
+                                       "--apps",       (folder_ / "apps.json").string(),
+                                       "--journal",    journal().string(),
                                        "--ready-file", ready.string()};
     arguments.insert(arguments.end(), behaviour.begin(), behaviour.end());
     process_ = std::make_unique<ChildProcess>(program_.string(), arguments, Environment{}, (folder_ / "server-log").string());
@@ -242,12 +242,15 @@ class Demo {
   };
 
   Outcome kestrova(const std::vector<std::string>& command) {
-    std::vector<std::string> arguments{"--api-host", server_.host(),  "--bundle-id",   kApplication,
-                                       "--home",     (folder_ / "device").string(),
-                                       "--secret-file", (folder_ / "secret").string(), "--json"};
+    std::vector<std::string> arguments{"--api-host",    server_.host(),
+                                       "--bundle-id",   kApplication,
+                                       "--home",        (folder_ / "device").string(),
+                                       "--secret-file", (folder_ / "secret").string(),
+                                       "--json"};
     arguments.insert(arguments.end(), command.begin(), command.end());
     std::string shown = "kestrova";
-    for (const std::string& word : command) shown += " " + (word.find_first_of(" {") == std::string::npos ? word : "'" + word + "'");
+    for (const std::string& word : command)
+      shown += " " + (word.find_first_of(" {") == std::string::npos ? word : "'" + word + "'");
     printLine("  $ " + shown);
     const fs::path output = folder_ / "command-output";
     ChildProcess process((bin_ / "kestrova").string(), arguments, {{"SSL_CERT_FILE", server_.authority()}}, output.string());
@@ -258,13 +261,14 @@ class Demo {
   /// Runs a command and accounts for it in the table; the exit status must be the expected one.
   Outcome chapter(const std::string& name, const std::vector<std::string>& command, int expectedStatus, Events& received) {
     const Outcome outcome = kestrova(command);
-    require(outcome.status == expectedStatus,
-            fmt::format("{}: exit status {} instead of {}; the report is {}", name, outcome.status, expectedStatus,
-                        outcome.report.description()));
+    require(outcome.status == expectedStatus, fmt::format("{}: exit status {} instead of {}; the report is {}", name,
+                                                          outcome.status, expectedStatus, outcome.report.description()));
     received = server_.takeReceived();
-    Row row{name, number(outcome.report, "recorded"), total(received), number(outcome.report, "kept"), number(outcome.report, "lost")};
+    Row row{name, number(outcome.report, "recorded"), total(received), number(outcome.report, "kept"),
+            number(outcome.report, "lost")};
     require(number(outcome.report, "delivered") == row.received, name + ": the server did not receive what the client delivered");
-    printLine(fmt::format("    {} reported, {} received, {} kept, {} dropped on purpose", row.reported, row.received, row.kept, row.dropped));
+    printLine(fmt::format("    {} reported, {} received, {} kept, {} dropped on purpose", row.reported, row.received, row.kept,
+                          row.dropped));
     rows_.push_back(std::move(row));
     return outcome;
   }

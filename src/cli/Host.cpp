@@ -26,10 +26,10 @@ constexpr std::uint64_t kMaxWorkUnderWay = 1000;
 constexpr double kWriteBackLimit = 30;  // seconds
 
 // Trace lines of things that went well; every other line is a reason.
-constexpr auto kRoutine = std::to_array<std::string_view>(
-    {"Events successfully sent to server", "Writing ", "Read ", "Loading events from file", "No events on disk",
-     "Couldn't find any events to send to server", "Adjusting local time", "Re-submitting", "Got userId", "Got url Path", "Got matchQuality",
-     "Truncating file on disk"});
+constexpr auto kRoutine =
+    std::to_array<std::string_view>({"Events successfully sent to server", "Writing ", "Read ", "Loading events from file",
+                                     "No events on disk", "Couldn't find any events to send to server", "Adjusting local time",
+                                     "Re-submitting", "Got userId", "Got url Path", "Got matchQuality", "Truncating file on disk"});
 
 bool isRoutine(std::string_view line) {
   if (line.starts_with("Got ") && line.find("notification(s)") != std::string_view::npos) return true;

@@ -21,11 +21,11 @@ namespace cli {
 
 /// What became of the events of one run.
 struct Account {
-  std::uint64_t recorded = 0;   // reported to the SDK in this run
-  std::uint64_t waiting = 0;    // found in the queue file at the start
-  std::uint64_t delivered = 0;  // answered by the server
-  std::uint64_t kept = 0;       // in the queue file at the end
-  std::uint64_t lost = 0;       // in none of these places
+  std::uint64_t recorded = 0;                    // reported to the SDK in this run
+  std::uint64_t waiting = 0;                     // found in the queue file at the start
+  std::uint64_t delivered = 0;                   // answered by the server
+  std::uint64_t kept = 0;                        // in the queue file at the end
+  std::uint64_t lost = 0;                        // in none of these places
   std::map<std::string, std::uint64_t> reasons;  // why something was kept or lost, and how often
   bool interrupted = false;
 
@@ -46,8 +46,8 @@ class Host {
   void report(const std::string& event, std::optional<platform::Dictionary> data);
   /// Holds the caller back while much is under way; false when it is time to stop.
   bool keepPace();
-  /// Sends what is left in memory and waits for every outcome; when the time is up or the user asks to stop, sends what is in memory and
-  /// cancels every request, so that the client writes it back.
+  /// Sends what is left in memory and waits for every outcome; when the time is up or the user asks to stop, sends what is in
+  /// memory and cancels every request, so that the client writes it back.
   void finish();
   /// Sends until the queue file is empty or a send failed, then finishes.
   void flush();

@@ -16,7 +16,8 @@ class LineReader {
   LineReader& operator=(LineReader&&) = delete;
   ~LineReader();
 
-  /// The next line without its line feed, the last one also when it has none; absent at the end, on a read error, and from `stop` on.
+  /// The next line without its line feed, the last one also when it has none; absent at the end, on a read error, and from `stop`
+  /// on.
   std::optional<std::string> next();
   /// Ends a `next` that is waiting, from another thread.
   void stop() const;

@@ -5,14 +5,16 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace cli {
 namespace {
 
 std::optional<std::string> environment(const char* name) {
   const char* value = std::getenv(name);
-  return value ? std::optional<std::string>(value) : std::nullopt;
+  return value && *value ? std::optional<std::string>(value) : std::nullopt;
 }
 
 /// The content of a file without the line feed at its end.
@@ -57,8 +59,8 @@ void addCommands(CLI::App& app, Options& options) {
   CLI::App* event = add("event", "report one event and send it", Command::kEvent);
   event->add_option("NAME", options.eventName, "the event's name")->required();
   event->add_option("--data", options.eventData, "the event's data, a JSON object");
-  CLI::App* events = add("events", "report the events of a file, one JSON object a line: {\"event\": \"...\", \"data\": {...}}",
-                         Command::kEvents);
+  CLI::App* events =
+      add("events", "report the events of a file, one JSON object a line: {\"event\": \"...\", \"data\": {...}}", Command::kEvents);
   events->add_option("FILE", options.inputFile, "a path, or - for standard input")->required();
   add("flush", "send what waits on disk", Command::kFlush);
   add("queue", "show what waits on disk", Command::kQueue);
@@ -66,7 +68,8 @@ void addCommands(CLI::App& app, Options& options) {
   add("demo", "show the whole road of an event against a development server of its own", Command::kDemo);
 }
 
-constexpr const char* kFooter = R"(Environment: KESTROVA_API_HOST, KESTROVA_API_VERSION, KESTROVA_BUNDLE_ID, KESTROVA_HOME, KESTROVA_SECRET and
+constexpr const char* kFooter =
+    R"(Environment: KESTROVA_API_HOST, KESTROVA_API_VERSION, KESTROVA_BUNDLE_ID, KESTROVA_HOME, KESTROVA_SECRET and
 KESTROVA_DEBUG=1 stand for the options of those names. SSL_CERT_FILE names trust anchors to use instead of the system's.
 
 Exit status: 0 everything delivered, 2 bad usage or bad input, 3 something kept for later, 4 something lost (4 before 3 before 2).
@@ -108,6 +111,11 @@ ParseResult parseOptions(int argc, char** argv) {
       requireForSending(options);
     }
     if (options.apiHost) requireHost(*options.apiHost);
+  } catch (const CLI::RequiredError& error) {
+    // What was taken for no option and no command says more than that a command is missing.
+    const std::vector<std::string> unknown = app.remaining();
+    if (unknown.empty()) return {std::nullopt, (app.exit(error), static_cast<int>(kBadInput))};
+    return {std::nullopt, (app.exit(CLI::ExtrasError("kestrova", unknown)), static_cast<int>(kBadInput))};
   } catch (const CLI::ParseError& error) {
     const bool asked = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
     return {std::nullopt, asked ? app.exit(error) : (app.exit(error), static_cast<int>(kBadInput))};

@@ -30,8 +30,9 @@ void takeLine(std::string_view line, QueueContent& content) {
 
 std::expected<QueueContent, platform::Error> inspectQueue() {
   const auto directory = KSVUtils::applicationSupportDirectory();
-  if (!directory) return std::unexpected(platform::Error(platform::kCocoaErrorDomain, platform::kFileWriteUnknown,
-                                                         "The application's folder can be neither found nor made."));
+  if (!directory)
+    return std::unexpected(platform::Error(platform::kCocoaErrorDomain, platform::kFileWriteUnknown,
+                                           "The application's folder can be neither found nor made."));
   const platform::URL file = directory->URLByAppendingPathComponent("event-queue.json");
   QueueContent content;
   content.path = file.path();

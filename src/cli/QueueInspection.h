@@ -13,10 +13,10 @@ namespace cli {
 
 struct QueueContent {
   std::string path;
-  std::uint64_t records = 0;      // lines that parse
-  std::uint64_t bytes = 0;        // of the whole file
-  std::uint64_t badLines = 0;     // lines that do not parse; a load drops them
-  bool hasUnendedTail = false;    // bytes after the last line feed
+  std::uint64_t records = 0;          // lines that parse
+  std::uint64_t bytes = 0;            // of the whole file
+  std::uint64_t badLines = 0;         // lines that do not parse; a load drops them
+  bool hasUnendedTail = false;        // bytes after the last line feed
   std::optional<std::string> oldest;  // "localTime" of the first record, as text
   std::optional<std::string> newest;
 };

@@ -24,16 +24,11 @@ platform::Dictionary accountObject(const Account& account, const std::vector<Bad
   platform::Dictionary reasons;
   for (const auto& [reason, count] : account.reasons) reasons.setObjectForKey(platform::Value(count), reason);
   platform::Array lines;
-  for (const BadLine& line : badLines) lines.addObject(platform::Value(platform::Dictionary{{"line", line.number}, {"reason", line.reason}}));
-  return {{"recorded", account.recorded},
-          {"waiting", account.waiting},
-          {"delivered", account.delivered},
-          {"kept", account.kept},
-          {"lost", account.lost},
-          {"interrupted", account.interrupted},
-          {"reasons", reasons},
-          {"badLines", lines},
-          {"directives", directives}};
+  for (const BadLine& line : badLines)
+    lines.addObject(platform::Value(platform::Dictionary{{"line", line.number}, {"reason", line.reason}}));
+  return {{"recorded", account.recorded}, {"waiting", account.waiting}, {"delivered", account.delivered},
+          {"kept", account.kept},         {"lost", account.lost},       {"interrupted", account.interrupted},
+          {"reasons", reasons},           {"badLines", lines},          {"directives", directives}};
 }
 
 }  // namespace
@@ -46,7 +41,9 @@ void printJSON(const platform::Dictionary& object) {
   if (text) printLine(std::string(text->bytes()));
 }
 
-std::string counted(std::uint64_t count, const std::string& noun) { return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s"); }
+std::string counted(std::uint64_t count, const std::string& noun) {
+  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
 
 void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json) {
   if (json) {
@@ -58,8 +55,10 @@ void printAccount(const Account& account, const std::vector<BadLine>& badLines, 
   if (account.waiting > 0) waiting = fmt::format(" and {} from earlier runs", account.waiting);
   printLine(fmt::format("{} recorded{}: {} delivered, {} kept on disk, {} lost.", counted(account.recorded, "event"), waiting,
                         account.delivered, account.kept, account.lost));
-  for (const auto& [reason, count] : account.reasons) printLine(fmt::format("  {}{}", reason, count > 1 ? fmt::format(" ({} times)", count) : ""));
-  for (const auto& [name, value] : directives) printLine(fmt::format("  The server said {} = {}", name.view(), value.description()));
+  for (const auto& [reason, count] : account.reasons)
+    printLine(fmt::format("  {}{}", reason, count > 1 ? fmt::format(" ({} times)", count) : ""));
+  for (const auto& [name, value] : directives)
+    printLine(fmt::format("  The server said {} = {}", name.view(), value.description()));
   if (account.kept > 0) printLine("What was kept goes out with the next events, or with `kestrova flush`.");
 }
 
@@ -76,8 +75,9 @@ void printQueue(const QueueContent& queue, bool json) {
   }
   printLine(fmt::format("{}: {}, {}", queue.path, counted(queue.records, "record"), counted(queue.bytes, "byte")));
   if (queue.records > 0) printLine(fmt::format("oldest {}, newest {}", queue.oldest.value_or("?"), queue.newest.value_or("?")));
-  if (queue.badLines > 0) printLine(fmt::format("{} that {} not parse; the next send drops {}", counted(queue.badLines, "line"),
-                                                queue.badLines == 1 ? "does" : "do", queue.badLines == 1 ? "it" : "them"));
+  if (queue.badLines > 0)
+    printLine(fmt::format("{} that {} not parse; the next send drops {}", counted(queue.badLines, "line"),
+                          queue.badLines == 1 ? "does" : "do", queue.badLines == 1 ? "it" : "them"));
   if (queue.hasUnendedTail) printLine("The last record is incomplete.");
 }
 

@@ -21,7 +21,7 @@ class KSVDebugger {
 
   /// Bounds of what is kept: the oldest lines go first. Of a line of more than kMaxBytes only its beginning is kept and told.
   static constexpr std::size_t kMaxLines = 10'000;
-  static constexpr std::size_t kMaxBytes = 1024 * 1024;
+  static constexpr std::size_t kMaxBytes = std::size_t{1024} * 1024;
 
   static std::shared_ptr<KSVDebugger> sharedDebugger();
 

@@ -198,7 +198,7 @@ bool readAttribute(Reader& reader, Challenge& challenge) {
 
 // The scheme's header syntax: `Hawk`, white space, attributes with a comma between; one more comma may stand at the end.
 std::optional<Challenge> parseChallenge(std::string_view header) {
-  if (header.size() > kMaxHeaderLength || header.find_first_of("\r\n") != header.npos) return std::nullopt;
+  if (header.size() > kMaxHeaderLength || header.find_first_of("\r\n") != std::string_view::npos) return std::nullopt;
   Reader reader(header);
   if (mapped(reader.takeWhile(isWordCharacter), lower) != "hawk" || reader.takeWhile(isWhiteSpace).empty() || reader.isAtEnd())
     return std::nullopt;

@@ -130,7 +130,7 @@ std::string KSVUtils::randomStringWithLength(std::int32_t length) {
 std::optional<URL> KSVUtils::createTempfileWithContents(const std::optional<platform::Data>& data) {
   const platform::Data content = data.value_or(platform::Data());
   for (int name = 0; name < kMaxNames; ++name) {
-    const std::optional<URL> url = unguessableTempfileUrl();
+    std::optional<URL> url = unguessableTempfileUrl();
     if (!url) return std::nullopt;
     const auto written = content.writeToURLWithoutOverwriting(url);
     if (written) return url;

@@ -117,17 +117,24 @@ void Server::accept(int listener) {
     return;
   }
   auto worker = std::make_unique<Worker>(socket, context_.get(), idleTimeout_);
-  worker->thread = std::thread([this, &worker = *worker, number = ++accepted_] {
-    try {
-      serveConnection(worker.connection, api_, stop_, number, idleTimeout_);
-    } catch (const std::exception& error) {
-      std::fprintf(stderr, "kestrova-devserver: connection %llu: %s\n", static_cast<unsigned long long>(number), error.what());
-    }
-    // The other side must not wait for the next accept, which takes this connection apart.
-    worker.connection.interrupt();
-    worker.done = true;
-  });
+  try {
+    worker->thread = std::thread([this, &worker = *worker, number = ++accepted_] { serve(worker, number); });
+  } catch (const std::system_error& error) {  // no more threads: this connection is closed, the others go on
+    std::fprintf(stderr, "kestrova-devserver: %s\n", error.what());
+    return;
+  }
   workers_.push_back(std::move(worker));
+}
+
+void Server::serve(Worker& worker, std::uint64_t number) {
+  try {
+    serveConnection(worker.connection, api_, stop_, number, idleTimeout_);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kestrova-devserver: connection %llu: %s\n", static_cast<unsigned long long>(number), error.what());
+  }
+  // The other side must not wait for the next accept, which takes this connection apart.
+  worker.connection.interrupt();
+  worker.done = true;
 }
 
 void Server::reap(bool all) {

@@ -35,6 +35,7 @@ class Server {
   struct Worker;
 
   void accept(int listener);
+  void serve(Worker& worker, std::uint64_t number);
   void reap(bool all);
 
   Api& api_;

@@ -41,7 +41,7 @@ class FileManager {
 
   /// Copies, links or moves to a name that must be free, else 516 (platform row F5). A copy of a file is made by the kernel where
   /// it can, mode 0600, exclusively; what a failed copy had written stays. A link is a hard link; a symbolic link is linked as
-  /// itself.
+  /// itself. Linking and moving work within one volume, where the application's directories all lie.
   virtual std::expected<void, Error> copyItemAtURLToURL(const std::optional<URL>& source, const std::optional<URL>& target) = 0;
   virtual std::expected<void, Error> linkItemAtURLToURL(const std::optional<URL>& source, const std::optional<URL>& target) = 0;
   virtual std::expected<void, Error> moveItemAtURLToURL(const std::optional<URL>& source, const std::optional<URL>& target) = 0;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <thread>
 #include <utility>
 
 namespace platform {
@@ -32,12 +33,10 @@ class Slot {
   class Guard {
    public:
     explicit Guard(std::atomic_flag& flag) : flag_(flag) {
-      while (flag_.test_and_set(std::memory_order_acquire)) flag_.wait(true, std::memory_order_relaxed);
+      // Whoever holds the flag copies a handle and is gone; waiting in the kernel would cost every load a look for waiters.
+      while (flag_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
     }
-    ~Guard() {
-      flag_.clear(std::memory_order_release);
-      flag_.notify_one();
-    }
+    ~Guard() { flag_.clear(std::memory_order_release); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
 

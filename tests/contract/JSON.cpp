@@ -462,7 +462,8 @@ TEST_F(JSONJ10, WhatIsNotIsRefused) {
       // encoding
       "[\"\xFF\"]", "[\"\xC3\"]", "[\"\xC3(\"]", "[\"\x80\"]", "[\"\xC0\xAF\"]", "[\"\xE0\x80\xAF\"]", "[\"\xED\xA0\x80\"]",
       "[\"\xED\xBF\xBF\"]", "[\"\xF4\x90\x80\x80\"]", "[\"\xF5\x80\x80\x80\"]", "[\"\xFC\x80\x80\x80\x80\x80\"]", "[\"\xE2\x82\"]",
-      "[\xFF]", "\xFF[]", "[]\xFF", "{\"\xFF\":1}", "\xFE\xFF\x00[", std::string("\xFF\xFE[\0]\0", 6), std::string("[\0]\0", 4)};
+      "[\xFF]", "\xFF[]", "[]\xFF", "{\"\xFF\":1}", std::string("\xFE\xFF\0[\0]", 6), std::string("\xFF\xFE[\0]\0", 6),
+      std::string("[\0]\0", 4)};
   for (const std::string& text : cases) {
     const auto value = read(text);
     ASSERT_FALSE(value) << text;

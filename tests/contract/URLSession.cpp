@@ -874,8 +874,8 @@ class RedirectOverTheWire : public URLSessionOverTheWire, public testing::WithPa
 
 TEST_P(RedirectOverTheWire, U4U5MethodBodyAndFieldsAfterARedirect) {
   const auto& [status, method, expectedMethod, keepsBody] = GetParam();
-  TlsTestServer server(TlsTestServer::answering([status = status](const auto& request) {
-    return request.target == "/from" ? Answer{status, {{"Location", "/to?x"}, {"X-First", "1"}}, "moved"}
+  TlsTestServer server(TlsTestServer::answering([moved = status](const auto& request) {
+    return request.target == "/from" ? Answer{moved, {{"Location", "/to?x"}, {"X-First", "1"}}, "moved"}
                                      : Answer{200, {{"X-Last", "1"}}, "arrived"};
   }));
   const bool hasBody = std::string_view(method) != "GET" && std::string_view(method) != "HEAD";

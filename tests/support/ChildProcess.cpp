@@ -63,9 +63,15 @@ std::string waitUntil(pid_t process, steady_clock::time_point deadline) {
   return "exited with " + std::to_string(WEXITSTATUS(status));
 }
 
+std::string leakCheckOff() {
+  const char* options = std::getenv("ASAN_OPTIONS");
+  return std::string("ASAN_OPTIONS=") + (options ? std::string(options) + ":" : "") + "detect_leaks=0";
+}
+
 // This environment without the settings of the test framework, which may name a report file that is the parent's.
-std::vector<std::string> environmentOfChild() {
+std::vector<std::string> environmentOfChild(LeakCheck leakCheck) {
   std::vector<std::string> variables{std::string(kChildVariable) + "=1"};
+  if (leakCheck == LeakCheck::kOff) variables.push_back(leakCheckOff());  // the first of a name counts
   for (char** variable = environ; *variable; ++variable)
     if (std::string_view(*variable).rfind("GTEST_", 0) != 0) variables.emplace_back(*variable);
   return variables;
@@ -83,9 +89,9 @@ std::string nameOfThisTest() {
   return std::string(test->test_suite_name()) + "." + test->name();
 }
 
-pid_t spawnThisProgram(int standardError) {
+pid_t spawnThisProgram(int standardError, LeakCheck leakCheck) {
   std::vector<std::string> arguments{"/proc/self/exe", "--gtest_filter=" + nameOfThisTest(), "--gtest_color=no"};
-  std::vector<std::string> environment = environmentOfChild();
+  std::vector<std::string> environment = environmentOfChild(leakCheck);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
@@ -102,11 +108,11 @@ pid_t spawnThisProgram(int standardError) {
 
 bool isChild() { return std::getenv(kChildVariable) != nullptr; }
 
-ChildResult runThisTestInChild(milliseconds limit) {
+ChildResult runThisTestInChild(LeakCheck leakCheck, milliseconds limit) {
   std::array<int, 2> ends;
   if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error(std::string("pipe2: ") + std::strerror(errno));
   const steady_clock::time_point deadline = steady_clock::now() + limit;
-  const pid_t process = spawnThisProgram(ends[1]);
+  const pid_t process = spawnThisProgram(ends[1], leakCheck);
   close(ends[1]);
   ChildResult result;
   result.errors = readAll(ends[0], deadline);

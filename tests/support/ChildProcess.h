@@ -27,8 +27,12 @@ struct ChildResult {
 /// Whether this process was started by runThisTestInChild.
 bool isChild();
 
+/// A leak checker looks at a process as it exits. In one that was made by fork it cannot: the threads whose stacks it would search
+/// are not there, and it says so.
+enum class LeakCheck { kOn, kOff };
+
 /// Runs the program again with the running test alone, and waits for its end.
-ChildResult runThisTestInChild(std::chrono::milliseconds limit = kLimit);
+ChildResult runThisTestInChild(LeakCheck leakCheck = LeakCheck::kOn, std::chrono::milliseconds limit = kLimit);
 
 /// Waits for a child made by fork, and says how it ended as ChildResult::status does.
 std::string waitForEnd(int process, std::chrono::milliseconds limit = kLimit);

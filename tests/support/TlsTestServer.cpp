@@ -244,20 +244,7 @@ TlsTestServer::Script TlsTestServer::answering(Answer answer) {
 
 class TlsTestServer::Server {
  public:
-  Server(Script script, Options options)
-      : script_(std::move(script)), options_(options), context_(makeContext(options.certificate)) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    require(bind(listener_, generic, length) == 0 && listen(listener_, 64) == 0, "cannot listen");
-    require(getsockname(listener_, generic, &length) == 0, "getsockname");
-    port_ = ntohs(address.sin_port);
-    acceptor_ = std::thread([this] { acceptConnections(); });
-  }
-
+  Server(Script script, Options options);
   ~Server();
 
   std::uint16_t port() const { return port_; }
@@ -416,6 +403,20 @@ class TlsTestServer::Wire final : public Connection {
   std::string buffer_;
   std::thread thread_;
 };
+
+TlsTestServer::Server::Server(Script script, Options options)
+    : script_(std::move(script)), options_(options), context_(makeContext(options.certificate)) {
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  require(bind(listener_, generic, length) == 0 && listen(listener_, 64) == 0, "cannot listen");
+  require(getsockname(listener_, generic, &length) == 0, "getsockname");
+  port_ = ntohs(address.sin_port);
+  acceptor_ = std::thread([this] { acceptConnections(); });
+}
 
 void TlsTestServer::Server::acceptConnections() {
   blockSignals();

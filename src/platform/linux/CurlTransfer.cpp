@@ -91,7 +91,7 @@ void CurlTransfer::configureBody() {
   CURL* easy = easy_.get();
   const std::string& method = request_.HTTPMethod();
   const bool hasBody = request_.HTTPBody().has_value();
-  if (method == "HEAD" && !hasBody) {
+  if (method == "HEAD") {  // a body makes no sense here and would have the library wait for one in the answer
     curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
   } else if (hasBody || isOneOf(method, {"POST", "PUT", "PATCH"})) {
     curl_easy_setopt(easy, CURLOPT_POST, 1L);

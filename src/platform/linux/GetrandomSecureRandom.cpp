@@ -62,6 +62,7 @@ GetrandomSecureRandom::~GetrandomSecureRandom() {
 
 void GetrandomSecureRandom::fill(std::span<std::byte> bytes) {
   constexpr std::size_t kWorthStoring = 64;
+  if (bytes.empty()) return;
   if (!store_ || bytes.size() > kWorthStoring || store_->inUse.exchange(true, std::memory_order_acquire)) return askSystem(bytes);
   struct Release {
     std::atomic<bool>& inUse;

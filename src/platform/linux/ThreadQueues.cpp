@@ -145,7 +145,13 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
     drop(nodesOf(before));
   }
 
-  int startThread() { return platform::startThread(thread_, &Worker::main, new std::shared_ptr(shared_from_this())); }
+  // Yields 0 or the system's error number.
+  int startThread() {
+    auto self = std::make_unique<std::shared_ptr<Worker>>(shared_from_this());
+    const int error = platform::startThread(thread_, &Worker::main, self.get());
+    if (error == 0) self.release();  // NOLINT(bugprone-unused-return-value): the thread has it
+    return error;
+  }
 
   void detach() { pthread_detach(thread_); }
 
@@ -180,8 +186,8 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
     if (priority_ == Priority::kBackground) lowerPriorityOfThisThread();
     nameThread();
     ExitGate::enter();
-    while (Node* blocks = take())
-      if (!run(blocks)) break;
+    do batch_ = take();
+    while (batch_ && runBatch());
     ExitGate::leave();
   }
 
@@ -212,15 +218,14 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
   }
 
   // False when the queue's end was reached.
-  bool run(Node* blocks) {
-    while (blocks && !crew_->isClosing()) {
-      Node* node = std::exchange(blocks, blocks->next);
-      if (node == &last_) return false;
+  bool runBatch() {
+    while (batch_ && !crew_->isClosing()) {
+      if (batch_ == &last_) return false;
       ExitGate::pass();
-      DispatchQueue::run(node->block, crew_->uncaughtException());
-      delete node;
+      DispatchQueue::run(batch_->block, crew_->uncaughtException());
+      delete std::exchange(batch_, batch_->next);
     }
-    drop(blocks);
+    drop(std::exchange(batch_, nullptr));
     return true;
   }
 
@@ -234,6 +239,7 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
   // Alone in its cache line: what the worker reads for each block should not lie where the submitters write.
   alignas(kCacheLine) std::atomic<Inbox> inbox_{kUnstarted};
   alignas(kCacheLine) const std::shared_ptr<Crew> crew_;
+  Node* batch_ = nullptr;  // what the thread has taken, from the block that is running; the thread's alone
   sem_t wake_;
   Node last_{nullptr};
   pthread_t thread_{};

@@ -66,8 +66,8 @@ void leaveBusy(const Queue& queue) {
 }
 
 // Runs this test's first half in a child and expects it to say nothing but `errors`.
-void expectChild(const std::string& status, const std::string& errors = "") {
-  const test::ChildResult child = test::runThisTestInChild();
+void expectChild(const std::string& status, const std::string& errors = "", test::LeakCheck leakCheck = test::LeakCheck::kOn) {
+  const test::ChildResult child = test::runThisTestInChild(leakCheck);
   EXPECT_EQ(child.status, status);
   EXPECT_EQ(child.errors, errors);
 }
@@ -237,7 +237,7 @@ TEST(ExitTest, AChildMadeByForkMayExit) {
     say(test::waitForEnd(forked) + "\n");
     std::_Exit(0);
   }
-  expectChild("exited with 0", "exited with 5\n");
+  expectChild("exited with 0", "exited with 5\n", test::LeakCheck::kOff);
 }
 
 TEST(ExitTest, AChildMadeByForkMayRunAnotherProgram) {
@@ -276,7 +276,7 @@ TEST(ExitTest, InAChildMadeByForkNothingRunsAndNothingWaits) {
     say(test::waitForEnd(forked) + "\n");
     std::_Exit(0);
   }
-  expectChild("exited with 0", "exited with 4\n");
+  expectChild("exited with 0", "exited with 4\n", test::LeakCheck::kOff);
 }
 
 TEST(ExitTest, Q2AnUncaughtExceptionIsTheEndOfTheProcess) {

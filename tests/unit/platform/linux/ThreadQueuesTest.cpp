@@ -47,6 +47,11 @@ template <class Condition>
 
 class ThreadQueuesTest : public testing::Test {
  protected:
+  // With the first thread a sanitizer starts one of its own, which is not to be counted.
+  static void SetUpTestSuite() {
+    std::thread([] {}).join();
+  }
+
   // Runs the function on the queue and yields what it returned.
   template <class Function>
   auto on(const Queue& queue, Function function) {

@@ -1,0 +1,285 @@
+// The kestrova command as people and scripts use it: real processes, a real server, exit statuses and reports.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Value.h"
+#include "platform/linux/RapidJSONSerialization.h"
+#include "support/DevServer.h"
+#include "support/Program.h"
+#include "support/TemporaryDirectory.h"
+
+namespace test {
+namespace {
+
+using platform::Dictionary;
+using platform::Value;
+using testing::HasSubstr;
+using testing::Not;
+
+class Command : public testing::Test {
+ protected:
+  struct Run {
+    std::string end;
+    std::string output;
+    std::string errors;
+    Dictionary report;  // with --json
+
+    std::uint64_t number(std::string_view key) const {
+      const auto value = report.objectForKey(key);
+      return value ? static_cast<std::uint64_t>(value->integerValue()) : ~std::uint64_t{0};
+    }
+  };
+
+  std::string file(const std::string& name, std::string_view text) {
+    const std::string path = home.path() + "/" + name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+  }
+
+  Program::Variables variables(const DevServer* server) {
+    Program::Variables all{{"KESTROVA_BUNDLE_ID", DevServer::kAppId},
+                           {"KESTROVA_HOME", home.path() + "/home"},
+                           {"KESTROVA_SECRET", DevServer::kSecret},
+                           {"KESTROVA_API_HOST", server ? server->host() : "localhost:1"}};
+    if (server) all.emplace_back("SSL_CERT_FILE", server->authorityFile());
+    return all;
+  }
+
+  Run finish(Program& program) {
+    Run result;
+    result.end = program.waitForEnd();
+    result.output = program.output();
+    result.errors = program.errors();
+    const auto value = platform::makeRapidJSONSerialization()->read(platform::Data(result.output));
+    if (value && value->isObject()) result.report = value->object();
+    return result;
+  }
+  Run run(const std::vector<std::string>& arguments, const DevServer* server = nullptr, Program::Variables more = {}) {
+    Program::Variables all = variables(server);
+    all.insert(all.end(), more.begin(), more.end());
+    Program program(binary("kestrova"), arguments, all);
+    program.closeInput();
+    return finish(program);
+  }
+
+  static std::string lines(int count, int first = 0) {
+    std::string text;
+    for (int n = first; n < first + count; ++n)
+      text += "{\"event\": \"gif-viewed\", \"data\": {\"n\": " + std::to_string(n) + "}}\n";
+    return text;
+  }
+  static std::vector<int> numbers(const DevServer& server) {
+    std::vector<int> all;
+    for (const Value& record : server.takenRecords())
+      all.push_back(record.objectForKey("eventData")->objectForKey("n")->intValue());
+    return all;
+  }
+
+  TemporaryDirectory home;
+};
+
+TEST_F(Command, AThousandEventsAreDeliveredExactlyOnce) {
+  DevServer server;
+  ASSERT_EQ(server.fault(), "");
+  const Run done = run({"--json", "events", file("events", lines(1000))}, &server);
+  EXPECT_EQ(done.end, "exited with 0") << done.errors;
+  EXPECT_EQ(done.number("recorded"), 1000U);
+  EXPECT_EQ(done.number("delivered"), 1000U);
+  EXPECT_EQ(done.number("kept"), 0U);
+  EXPECT_EQ(done.number("lost"), 0U);
+  std::vector<int> received = numbers(server);
+  ASSERT_EQ(received.size(), 1000U);
+  std::ranges::sort(received);
+  for (int n = 0; n < 1000; ++n) ASSERT_EQ(received[static_cast<std::size_t>(n)], n);
+}
+
+TEST_F(Command, OneEventWithData) {
+  DevServer server;
+  ASSERT_EQ(server.fault(), "");
+  const Run done = run({"event", "opened", "--data", R"({"n": 7, "text": "grüße"})"}, &server);
+  EXPECT_EQ(done.end, "exited with 0") << done.errors;
+  EXPECT_EQ(done.output, "1 event recorded: 1 delivered, 0 kept on disk, 0 lost.\n");
+  ASSERT_EQ(server.takenRecords().size(), 1U);
+  const Value record = server.takenRecords()[0];
+  EXPECT_EQ(record.objectForKey("event"), Value("opened"));
+  EXPECT_EQ(record.objectForKey("eventData")->objectForKey("text"), Value("grüße"));
+}
+
+TEST_F(Command, EventsComeFromStandardInputToo) {
+  DevServer server;
+  ASSERT_EQ(server.fault(), "");
+  Program program(binary("kestrova"), {"--json", "events", "-"}, variables(&server));
+  ASSERT_TRUE(program.write(lines(12)));
+  program.closeInput();
+  const Run done = finish(program);
+  EXPECT_EQ(done.end, "exited with 0") << done.errors;
+  EXPECT_EQ(done.number("delivered"), 12U);
+}
+
+TEST_F(Command, BadLinesAreNamedAndSkippedAndTheRestGoesOn) {
+  DevServer server;
+  ASSERT_EQ(server.fault(), "");
+  const std::string input =
+      "{\"event\": \"a\", \"data\": {\"n\": 1}}\nno json\n[]\n{\"data\": {}}\n{\"event\": 5}\n\n{\"event\": \"b\", \"data\": 1}\n"
+      "{\"event\": \"c\", \"date\": {}}\n{\"event\": \"\"}\n{\"event\": \"d\", \"data\": {\"n\": 2}}";
+  const Run done = run({"--json", "events", file("events", input)}, &server);
+  EXPECT_EQ(done.end, "exited with 2");
+  EXPECT_EQ(done.number("delivered"), 2U);
+  EXPECT_THAT(done.errors, HasSubstr("kestrova: line 2: not valid JSON"));
+  EXPECT_THAT(done.errors, HasSubstr("kestrova: line 3: not a JSON object; skipped"));
+  EXPECT_THAT(done.errors, HasSubstr("kestrova: line 4: \"event\" is missing; skipped"));
+  EXPECT_THAT(done.errors, HasSubstr("kestrova: line 5: \"event\" is not a name; skipped"));
+  EXPECT_THAT(done.errors, HasSubstr("kestrova: line 7: \"data\" is not a JSON object; skipped"));
+  EXPECT_THAT(done.errors, HasSubstr("kestrova: line 8: unknown key \"date\"; skipped"));
+  EXPECT_THAT(done.errors, HasSubstr("kestrova: line 9: \"event\" is not a name; skipped"));
+  EXPECT_EQ(done.report.objectForKey("badLines")->count(), 7U);
+}
+
+TEST_F(Command, WhatCannotBeDeliveredIsKeptAndFlushed) {
+  const Run away = run({"--json", "events", file("events", lines(25))});
+  EXPECT_EQ(away.end, "exited with 3") << away.errors;
+  EXPECT_EQ(away.number("delivered"), 0U);
+  EXPECT_EQ(away.number("kept"), 25U);
+  EXPECT_EQ(away.number("lost"), 0U);
+  EXPECT_THAT(away.output, HasSubstr("Could not connect to the server."));
+
+  const Run queue = run({"queue", "--json"});
+  EXPECT_EQ(queue.end, "exited with 0");
+  EXPECT_EQ(queue.number("records"), 25U);
+  EXPECT_EQ(queue.number("badLines"), 0U);
+
+  DevServer server;
+  ASSERT_EQ(server.fault(), "");
+  const Run flushed = run({"--json", "flush"}, &server);
+  EXPECT_EQ(flushed.end, "exited with 0") << flushed.errors;
+  EXPECT_EQ(flushed.number("waiting"), 25U);
+  EXPECT_EQ(flushed.number("delivered"), 25U);
+  EXPECT_EQ(numbers(server).size(), 25U);
+  EXPECT_EQ(run({"queue", "--json"}).number("records"), 0U);
+}
+
+TEST_F(Command, FlushingAnEmptyQueueIsDone) {
+  const Run done = run({"flush"});
+  EXPECT_EQ(done.end, "exited with 0") << done.errors;
+  EXPECT_EQ(done.output, "0 events recorded: 0 delivered, 0 kept on disk, 0 lost.\n");
+}
+
+TEST_F(Command, ARefusedClockChallengeIsALossWithItsReason) {
+  DevServer server({"--stale", R"({"tsm": "wrong", "next": 5})"});
+  ASSERT_EQ(server.fault(), "");
+  const Run done = run({"event", "opened"}, &server);
+  EXPECT_EQ(done.end, "exited with 4");
+  EXPECT_THAT(done.output, HasSubstr("1 event recorded: 0 delivered, 0 kept on disk, 1 lost."));
+  EXPECT_THAT(done.output, HasSubstr("a clock challenge that could not be used"));
+}
+
+TEST_F(Command, TheQueueShowsOldestNewestAndWhatIsBroken) {
+  run({"event", "first", "--data", R"({"localTime": "2026-01-01T00:00:00.000Z"})"});
+  run({"event", "last", "--data", R"({"localTime": "2026-02-02T00:00:00.000Z"})"});
+  const std::string path = std::string(run({"queue", "--json"}).report.objectForKey("path")->string().view());
+  std::ofstream(path, std::ios::app | std::ios::binary) << "broken\n{\"tail";
+  const Run queue = run({"queue", "--json"});
+  EXPECT_EQ(queue.number("records"), 2U);
+  EXPECT_EQ(queue.number("badLines"), 1U);
+  EXPECT_EQ(queue.report.objectForKey("oldest"), Value("2026-01-01T00:00:00.000Z"));
+  EXPECT_EQ(queue.report.objectForKey("newest"), Value("2026-02-02T00:00:00.000Z"));
+  EXPECT_EQ(queue.report.objectForKey("unendedTail"), Value(true));
+  const Run text = run({"queue"});
+  EXPECT_THAT(text.output, HasSubstr("2 records"));
+  EXPECT_THAT(text.output, HasSubstr("1 line that does not parse; the next send drops it"));
+}
+
+TEST_F(Command, StatusTellsIdentityCorrectionAndSwitchedOffFeatures) {
+  DevServer server({"--clock-offset", "3600", "--directives", R"({"features": 5, "reasons": {"0": "maintenance"}})"});
+  ASSERT_EQ(server.fault(), "");
+  const Run before = run({"status", "--json"}, &server);
+  EXPECT_EQ(before.end, "exited with 0");
+  EXPECT_EQ(before.number("clockCorrection"), 0U);
+  EXPECT_EQ(run({"event", "opened"}, &server).end, "exited with 0");
+  const Run after = run({"status", "--json"}, &server);
+  EXPECT_NEAR(static_cast<double>(after.number("clockCorrection")), 3600, 30);
+  EXPECT_EQ(after.number("disabledFeatures"), 5U);
+  EXPECT_EQ(after.report.objectForKey("device"), before.report.objectForKey("device")) << "the device keeps its identifier";
+  EXPECT_EQ(after.report.objectForKey("application"), Value(DevServer::kAppId));
+}
+
+TEST_F(Command, WhenTheTimeIsUpWhatIsUnansweredIsWrittenBack) {
+  DevServer server({"--delay", "60000"});
+  ASSERT_EQ(server.fault(), "");
+  const Run done = run({"--json", "--timeout", "1", "event", "opened"}, &server);
+  EXPECT_EQ(done.end, "exited with 3") << done.errors;
+  EXPECT_EQ(done.number("kept"), 1U);
+  EXPECT_THAT(done.output, HasSubstr("Couldn't submit events: cancelled"));
+}
+
+TEST_F(Command, SignalsStopItAndWhatIsInMemoryIsKept) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    TemporaryDirectory fresh;
+    DevServer server({"--delay", "60000"});
+    ASSERT_EQ(server.fault(), "");
+    Program::Variables all = variables(&server);
+    all.emplace_back("KESTROVA_HOME", fresh.path());
+    Program program(binary("kestrova"), {"--json", "--debug", "events", "-"}, all);
+    ASSERT_TRUE(program.write(lines(3)));
+    // Each of the first events is waited for, so the last one has been recorded when the one before it has.
+    ASSERT_TRUE(program.write("not json\n"));
+    ASSERT_TRUE(program.waitForLine("line 4: "));
+    program.signal(signal);
+    const Run done = finish(program);
+    EXPECT_EQ(done.end, "exited with 3") << done.errors;
+    EXPECT_EQ(done.number("kept"), 3U);
+    EXPECT_EQ(done.report.objectForKey("interrupted"), Value(true));
+  }
+}
+
+TEST_F(Command, DebugPrintsTraceLinesAsTheyAreStored) {
+  DevServer server;
+  ASSERT_EQ(server.fault(), "");
+  const Run done = run({"--debug", "event", "opened"}, &server);
+  EXPECT_THAT(done.errors, HasSubstr("Events successfully sent to server\n"));
+  EXPECT_THAT(run({"event", "opened"}, &server).errors, Not(HasSubstr("Events successfully sent")));
+}
+
+TEST_F(Command, BadUsageIsToldWithStatus2) {
+  const auto withStatus2 = [&](const std::vector<std::string>& arguments, const std::string& word, Program::Variables more = {}) {
+    const Run done = run(arguments, nullptr, std::move(more));
+    EXPECT_EQ(done.end, "exited with 2") << word;
+    EXPECT_THAT(done.errors, HasSubstr(word));
+  };
+  withStatus2({}, "subcommand");
+  withStatus2({"nonsense"}, "nonsense");
+  withStatus2({"event"}, "NAME");
+  withStatus2({"event", "a", "--data", "[1]"}, "--data: not a JSON object");
+  withStatus2({"event", "a", "--data", "{"}, "--data: not valid JSON");
+  withStatus2({"--timeout", "soon", "queue"}, "--timeout");
+  withStatus2({"--secret-file", home.path() + "/none", "queue"}, "cannot read");
+  withStatus2({"events", home.path() + "/none"}, "No such file");
+  withStatus2({"--api-host", "https://example.com/", "flush"}, "is no host name");
+  withStatus2({"flush"}, "--secret-file", {{"KESTROVA_SECRET", ""}});
+}
+
+TEST_F(Command, HelpIsNoError) {
+  const Run help = run({"--help"});
+  EXPECT_EQ(help.end, "exited with 0");
+  EXPECT_THAT(help.output, HasSubstr("Examples:"));
+}
+
+TEST_F(Command, TheSecretIsReadFromAFileAndIsNowhereToBeSeen) {
+  DevServer server;
+  ASSERT_EQ(server.fault(), "");
+  const std::string secretFile = file("secret", std::string(DevServer::kSecret) + "\n");
+  const Run done = run({"--debug", "--secret-file", secretFile, "event", "opened"}, &server, {{"KESTROVA_SECRET", "wrong"}});
+  EXPECT_EQ(done.end, "exited with 0") << done.errors;
+  EXPECT_THAT(done.output + done.errors, Not(HasSubstr(DevServer::kSecret)));
+}
+
+}  // namespace
+}  // namespace test
