@@ -57,6 +57,8 @@ Sandbox::Sandbox() {
 }
 
 Sandbox::~Sandbox() {
+  // The queues first, while the record is still in force: what runs on them reads it.
+  process_->queues.reset();
   scope_.reset();
   process_.reset();
   std::error_code ignored;

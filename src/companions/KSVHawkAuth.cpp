@@ -25,9 +25,10 @@ bool isPrintableAscii(char c) { return c >= ' ' && c <= '~'; }
 /// What may stand between the quotes of an attribute, which knows no escapes when it is read.
 bool isAttributeCharacter(char c) { return isPrintableAscii(c) && c != '"' && c != '\\'; }
 
-std::string mapped(std::string_view text, char (*map)(char)) {
+template <char (*map)(char)>
+std::string mapped(std::string_view text) {
   std::string result(text);
-  std::ranges::transform(result, result.begin(), map);
+  for (char& c : result) c = map(c);
   return result;
 }
 
@@ -83,21 +84,19 @@ std::string normalisedContentType(std::string_view contentType) {
   contentType = contentType.substr(0, contentType.find(';'));
   while (!contentType.empty() && isWhiteSpace(contentType.front())) contentType.remove_prefix(1);
   while (!contentType.empty() && isWhiteSpace(contentType.back())) contentType.remove_suffix(1);
-  return mapped(contentType, lower);
+  return mapped<lower>(contentType);
 }
 
 void appendLine(std::string& text, std::string_view line) { text.append(line).push_back('\n'); }
 
-void appendExtLine(std::string& text, std::string_view ext) {
-  for (const char c : ext) {
-    if (c == '\\')
-      text.append("\\\\");
-    else if (c == '\n')
-      text.append("\\n");
-    else
-      text.push_back(c);
+// Appends the text with each backslash doubled and each `special` character replaced. Most texts hold none and are copied whole.
+void appendEscaped(std::string& text, std::string_view raw, char special, std::string_view replacement) {
+  const auto isEscaped = [special](char c) { return c == '\\' || c == special; };
+  for (auto found = std::ranges::find_if(raw, isEscaped); found != raw.end(); found = std::ranges::find_if(raw, isEscaped)) {
+    text.append(raw.begin(), found).append(*found == special ? replacement : "\\\\");
+    raw.remove_prefix(static_cast<std::size_t>(found - raw.begin()) + 1);
   }
-  text.push_back('\n');
+  text.append(raw);
 }
 
 // The normalised request string. `timestamp` and `hash` are the very texts of the header.
@@ -107,12 +106,13 @@ std::string normalisedRequest(const KSVHawkAuth& request, std::string_view times
   appendLine(text, "hawk.1.header");
   appendLine(text, timestamp);
   appendLine(text, request.nonce());
-  appendLine(text, mapped(request.method(), upper));
+  appendLine(text, mapped<upper>(request.method()));
   appendLine(text, request.requestUri());
-  appendLine(text, mapped(request.host(), lower));
+  appendLine(text, mapped<lower>(request.host()));
   appendLine(text, std::to_string(request.port()));
   appendLine(text, hash);
-  appendExtLine(text, textOf(request.ext()));
+  appendEscaped(text, textOf(request.ext()), '\n', "\\n");
+  text.push_back('\n');
   if (!textOf(request.app()).empty()) {
     appendLine(text, *request.app());
     appendLine(text, textOf(request.dlg()));
@@ -128,12 +128,12 @@ struct Signature {
 
 std::optional<Signature> sign(const KSVHawkAuth& request) {
   if (!hasKey(request.credentials().get())) return std::nullopt;
-  const std::optional<std::string> hash = request.payload() ? request.digest() : std::string();
+  std::optional<std::string> hash = request.payload() ? request.digest() : std::string();
   if (!hash) return std::nullopt;
   std::string timestamp = timestampText(request.timestamp());
   std::optional<std::string> mac = base64Mac(request.credentials().get(), {normalisedRequest(request, timestamp, *hash)});
   if (!mac) return std::nullopt;
-  return Signature{std::move(timestamp), *hash, *std::move(mac)};
+  return Signature{std::move(timestamp), *std::move(hash), *std::move(mac)};
 }
 
 // Everything that could break out of the header, or that no server takes, is refused. Only ext is escaped.
@@ -144,17 +144,9 @@ bool canStandInHeader(const KSVHawkAuth& request) {
          std::ranges::all_of(textOf(request.dlg()), isAttributeCharacter);
 }
 
-std::string escapedExt(std::string_view ext) {
-  std::string text;
-  for (const char c : ext) {
-    if (c == '\\' || c == '"') text.push_back('\\');
-    text.push_back(c);
-  }
-  return text;
-}
-
-void appendAttribute(std::string& header, std::string_view name, std::string_view value) {
-  header.append(header.size() == 4 ? " " : ", ").append(name).append("=\"").append(value).append("\"");
+// `opening` is everything between two values: `", ts="`.
+void appendAttribute(std::string& header, std::string_view opening, std::string_view value) {
+  header.append(opening).append(value);
 }
 
 // --- Reading a challenge.
@@ -200,7 +192,7 @@ bool readAttribute(Reader& reader, Challenge& challenge) {
 std::optional<Challenge> parseChallenge(std::string_view header) {
   if (header.size() > kMaxHeaderLength || header.find_first_of("\r\n") != std::string_view::npos) return std::nullopt;
   Reader reader(header);
-  if (mapped(reader.takeWhile(isWordCharacter), lower) != "hawk" || reader.takeWhile(isWhiteSpace).empty() || reader.isAtEnd())
+  if (mapped<lower>(reader.takeWhile(isWordCharacter)) != "hawk" || reader.takeWhile(isWhiteSpace).empty() || reader.isAtEnd())
     return std::nullopt;
   Challenge challenge;
   while (!reader.isAtEnd()) {
@@ -240,16 +232,22 @@ std::optional<std::string> KSVHawkAuth::requestHeader() const {
   if (!hasKey(credentials_.get()) || !canStandInHeader(*this)) return std::nullopt;
   const std::optional<Signature> signature = sign(*this);
   if (!signature) return std::nullopt;
-  std::string header = "Hawk";
-  appendAttribute(header, "id", *credentials_->hawkId());
-  appendAttribute(header, "ts", signature->timestamp);
-  appendAttribute(header, "nonce", nonce_);
-  if (payload_) appendAttribute(header, "hash", signature->hash);
-  if (!textOf(ext_).empty()) appendAttribute(header, "ext", escapedExt(*ext_));
-  appendAttribute(header, "mac", signature->mac);
-  if (textOf(app_).empty()) return header;
-  appendAttribute(header, "app", *app_);
-  if (!textOf(dlg_).empty()) appendAttribute(header, "dlg", *dlg_);
+  std::string header;
+  header.reserve(256);
+  appendAttribute(header, "Hawk id=\"", *credentials_->hawkId());
+  appendAttribute(header, "\", ts=\"", signature->timestamp);
+  appendAttribute(header, "\", nonce=\"", nonce_);
+  if (payload_) appendAttribute(header, "\", hash=\"", signature->hash);
+  if (!textOf(ext_).empty()) {
+    header.append("\", ext=\"");
+    appendEscaped(header, *ext_, '"', "\\\"");
+  }
+  appendAttribute(header, "\", mac=\"", signature->mac);
+  if (!textOf(app_).empty()) {
+    appendAttribute(header, "\", app=\"", *app_);
+    if (!textOf(dlg_).empty()) appendAttribute(header, "\", dlg=\"", *dlg_);
+  }
+  header.push_back('"');
   return header;
 }
 

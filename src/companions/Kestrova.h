@@ -33,8 +33,9 @@ class Kestrova final : public KSVDelegate, public std::enable_shared_from_this<K
   };
 
   /// Installs the real services where no record is installed yet, fills the constants, and makes the one KSVData. Later calls
-  /// return the same facade and change nothing. Raises NSInvalidArgumentException for a configuration without API host. Reads one
-  /// small file, waits for no network.
+  /// return the same facade and change nothing. Raises NSInvalidArgumentException, before anything is installed, for a
+  /// configuration without API host, and NSInternalInconsistencyException for a mainExecutor that comes after the main queue's
+  /// first block. Reads one small file, waits for no network.
   static std::shared_ptr<Kestrova> start(Configuration configuration);
   /// The constants that are used where neither the host nor the build gives others; there is no API host among them.
   static platform::ExternalConstants defaultConstants();

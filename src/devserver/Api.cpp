@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <stdexcept>
 #include <utility>
 
@@ -20,7 +19,7 @@ using platform::Array;
 using platform::Dictionary;
 using platform::Value;
 
-constexpr std::uint64_t kMaxBehaviourBody = 1024 * 1024;
+constexpr std::uint64_t kMaxBehaviourBody = 1024ULL * 1024;
 constexpr std::size_t kUserIdLength = 8;
 constexpr std::size_t kShareIdLength = 10;
 constexpr std::string_view kLettersAndDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
@@ -392,7 +391,7 @@ bool Exchange::record(int status, const char* misbehaviour) {
     if (claimed->ext) entry.setObjectForKey(Value(*claimed->ext), "device");
   }
   if (const auto appended = api_.journal_.append(entry); !appended) {
-    std::fprintf(stderr, "kestrova-devserver: %s\n", appended.error().c_str());
+    printError(appended.error());
     return false;
   }
   if (taken) ++api_.taken_;

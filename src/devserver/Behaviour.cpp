@@ -158,23 +158,35 @@ Outcome Behaviour::applyStale(Settings& settings, const Value& value) {
   return readNext(object, "stale", settings.stalesLeft);
 }
 
+Outcome Behaviour::applyNumber(Settings& settings, std::string_view name, const Value& value) {
+  struct Entry {
+    std::string_view name;
+    std::int64_t least;
+    std::int64_t most;
+    std::int64_t Settings::* field;
+  };
+  static constexpr std::array kEntries{Entry{"clock-offset", -kMaxClockOffset, kMaxClockOffset, &Settings::clockOffset},
+                                       Entry{"delay", 0, kMaxDelay, &Settings::delay},
+                                       Entry{"close-every", 0, kMaxCount, &Settings::closeEvery},
+                                       Entry{"drop", 0, kMaxCount, &Settings::drop}};
+  const auto* const entry = std::ranges::find(kEntries, name, &Entry::name);
+  if (entry == kEntries.end()) return std::unexpected("there is no setting \"" + std::string(name) + "\"");
+  return readNumber(value.isNull() ? Value(0) : value, std::string(name), entry->least, entry->most, settings.*entry->field);
+}
+
+Outcome Behaviour::applyDirectives(Settings& settings, const Value& value) {
+  if (!value.isNull() && !value.isObject()) return std::unexpected("directives must be an object");
+  settings.directives = value.isNull() ? Dictionary() : value.object();
+  return {};
+}
+
 Outcome Behaviour::apply(Settings& settings, std::string_view name, const Value& value) {
-  const Settings defaults;
   const bool off = value.isNull();
-  if (name == "clock-offset")
-    return readNumber(off ? Value(0) : value, "clock-offset", -kMaxClockOffset, kMaxClockOffset, settings.clockOffset);
-  if (name == "delay") return readNumber(off ? Value(0) : value, "delay", 0, kMaxDelay, settings.delay);
-  if (name == "close-every") return readNumber(off ? Value(0) : value, "close-every", 0, kMaxCount, settings.closeEvery);
-  if (name == "drop") return readNumber(off ? Value(0) : value, "drop", 0, kMaxCount, settings.drop);
   if (name == "status") return off ? (settings.statusesLeft = 0, Outcome()) : applyStatus(settings, value);
   if (name == "answer") return off ? (settings.answersLeft = 0, Outcome()) : applyAnswer(settings, value);
   if (name == "stale") return off ? (settings.stalesLeft = 0, Outcome()) : applyStale(settings, value);
-  if (name == "directives") {
-    if (!off && !value.isObject()) return std::unexpected("directives must be an object");
-    settings.directives = off ? Dictionary() : value.object();
-    return {};
-  }
-  return std::unexpected("there is no setting \"" + std::string(name) + "\"");
+  if (name == "directives") return applyDirectives(settings, value);
+  return applyNumber(settings, name, value);
 }
 
 Outcome Behaviour::change(const Dictionary& settings) {

@@ -75,6 +75,8 @@ class Behaviour {
   using Outcome = std::expected<void, std::string>;
 
   static Outcome apply(Settings& settings, std::string_view name, const platform::Value& value);
+  static Outcome applyNumber(Settings& settings, std::string_view name, const platform::Value& value);
+  static Outcome applyDirectives(Settings& settings, const platform::Value& value);
   static Outcome applyAnswer(Settings& settings, const platform::Value& value);
   static Outcome applyStatus(Settings& settings, const platform::Value& value);
   static Outcome applyStale(Settings& settings, const platform::Value& value);

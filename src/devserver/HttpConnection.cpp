@@ -22,19 +22,19 @@ namespace http = boost::beast::http;
 using std::chrono::steady_clock;
 
 constexpr std::uint32_t kMaxHeader = 16 * 1024;
-constexpr std::size_t kBlock = 64 * 1024;
+constexpr std::size_t kBlock = 65536;
 /// How long a whole body may take, however steadily it comes.
 constexpr std::chrono::minutes kMaxBodyTime{10};
 /// The longest rest of a refused body that is read and thrown away to keep the connection.
-constexpr std::uint64_t kMaxThrownAway = 1024 * 1024;
+constexpr std::uint64_t kMaxThrownAway = 1024ULL * 1024;
 
-/// What Beast reads from.
+/// What Beast reads from; the names are Beast's.
 class Stream {
  public:
   explicit Stream(TlsConnection& connection) : connection_(connection) {}
 
   template <class Buffers>
-  std::size_t read_some(const Buffers& buffers) {
+  std::size_t read_some(const Buffers& buffers) {  // NOLINT(readability-identifier-naming)
     boost::system::error_code error;
     const std::size_t count = read_some(buffers, error);
     if (error) throw boost::system::system_error(error);
@@ -42,6 +42,7 @@ class Stream {
   }
 
   template <class Buffers>
+  // NOLINTNEXTLINE(readability-identifier-naming)
   std::size_t read_some(const Buffers& buffers, boost::system::error_code& error) {
     for (auto at = asio::buffer_sequence_begin(buffers); at != asio::buffer_sequence_end(buffers); ++at) {
       const asio::mutable_buffer buffer(*at);

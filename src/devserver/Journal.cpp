@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 #include <system_error>
 
@@ -82,17 +81,17 @@ std::string timeText() {
   const std::time_t seconds = std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(now));
   const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(now).time_since_epoch().count() % 1000;
   std::tm parts{};
-  ::gmtime_r(&seconds, &parts);
-  std::array<char, 96> text{};
-  const int length =
-      std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900, parts.tm_mon + 1,
-                    parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, static_cast<int>(milliseconds));
-  return {text.data(), static_cast<std::size_t>(length)};
+  std::array<char, 32> text{};
+  if (!::gmtime_r(&seconds, &parts)) return "";
+  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &parts);
+  return std::string(text.data(), length) + std::to_string(1000 + milliseconds).substr(1) + "Z";
 }
 
 void printLine(std::string_view line) {
   // One call for each line keeps the lines of different threads whole.
   writeAll(STDOUT_FILENO, std::string(line) + "\n");
 }
+
+void printError(std::string_view message) { writeAll(STDERR_FILENO, "kestrova-devserver: " + std::string(message) + "\n"); }
 
 }  // namespace devserver

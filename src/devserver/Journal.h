@@ -39,5 +39,7 @@ std::string timeText();
 
 /// Writes one line on standard output, at once. Any thread; a reader who has gone away is no reason to stop.
 void printLine(std::string_view line);
+/// As printLine on standard error, after the program's name.
+void printError(std::string_view message);
 
 }  // namespace devserver

@@ -12,6 +12,7 @@
 
 #include "devserver/Behaviour.h"
 #include "devserver/Files.h"
+#include "devserver/Journal.h"
 #include "devserver/Json.h"
 
 namespace devserver {
@@ -159,7 +160,7 @@ std::expected<Options, int> parseOptions(int argc, const char* const* argv) {
     return optionsOf(app, raw);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return std::unexpected(app.exit(error));
-    std::fprintf(stderr, "kestrova-devserver: %s\nRun with --help for more information.\n", error.what());
+    printError(error.what() + std::string("\nRun with --help for more information."));
     return std::unexpected(2);
   }
 }

@@ -10,7 +10,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -120,7 +119,7 @@ void Server::accept(int listener) {
   try {
     worker->thread = std::thread([this, &worker = *worker, number = ++accepted_] { serve(worker, number); });
   } catch (const std::system_error& error) {  // no more threads: this connection is closed, the others go on
-    std::fprintf(stderr, "kestrova-devserver: %s\n", error.what());
+    printError(error.what());
     return;
   }
   workers_.push_back(std::move(worker));
@@ -130,7 +129,7 @@ void Server::serve(Worker& worker, std::uint64_t number) {
   try {
     serveConnection(worker.connection, api_, stop_, number, idleTimeout_);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "kestrova-devserver: connection %llu: %s\n", static_cast<unsigned long long>(number), error.what());
+    printError("connection " + std::to_string(number) + ": " + error.what());
   }
   // The other side must not wait for the next accept, which takes this connection apart.
   worker.connection.interrupt();

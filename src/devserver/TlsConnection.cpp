@@ -57,12 +57,11 @@ std::expected<TlsContext, std::string> makeTlsContext(const Certificates& certif
 }
 
 TlsConnection::TlsConnection(int socket, SSL_CTX* context, std::chrono::milliseconds timeout)
-    : socket_(socket), ssl_(SSL_new(context)) {
+    : socket_(socket), ssl_(SSL_new(context)), usable_(ssl_ && SSL_set_fd(ssl_, socket_) == 1) {
   setTimeout(socket_, SO_RCVTIMEO, timeout);
   setTimeout(socket_, SO_SNDTIMEO, timeout);
   const int on = 1;
   ::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  usable_ = ssl_ && SSL_set_fd(ssl_, socket_) == 1;
 }
 
 TlsConnection::~TlsConnection() {
@@ -110,6 +109,6 @@ void TlsConnection::closeLingering() {
   while (std::chrono::steady_clock::now() < end && ::recv(socket_, ignored.data(), ignored.size(), 0) > 0) continue;
 }
 
-void TlsConnection::interrupt() { ::shutdown(socket_, SHUT_RDWR); }
+void TlsConnection::interrupt() const { ::shutdown(socket_, SHUT_RDWR); }
 
 }  // namespace devserver

@@ -44,12 +44,12 @@ class TlsConnection {
   /// takes back what was sent.
   void closeLingering();
   /// Ends every read and write, now and later. Any thread.
-  void interrupt();
+  void interrupt() const;
 
  private:
   const int socket_;
   SSL* ssl_;
-  bool usable_ = true;
+  bool usable_;
   std::chrono::steady_clock::time_point deadline_ = std::chrono::steady_clock::time_point::max();
 };
 

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
+#include <expected>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -24,7 +24,7 @@ namespace {
 constexpr int kCannotStart = 2;
 
 int fail(const std::string& reason) {
-  std::fprintf(stderr, "kestrova-devserver: %s\n", reason.c_str());
+  devserver::printError(reason);
   return kCannotStart;
 }
 
@@ -33,12 +33,14 @@ int fail(const std::string& reason) {
 int stopDescriptor() {
   sigset_t stopping;
   sigemptyset(&stopping);
+  struct sigaction action{};
+  action.sa_handler = SIG_DFL;
   for (const int number : {SIGTERM, SIGINT}) {
-    ::signal(number, SIG_DFL);
     sigaddset(&stopping, number);
+    if (::sigaction(number, &action, nullptr) != 0) return -1;
   }
-  ::pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
+  action.sa_handler = SIG_IGN;
+  if (::sigaction(SIGPIPE, &action, nullptr) != 0 || ::pthread_sigmask(SIG_BLOCK, &stopping, nullptr) != 0) return -1;
   return ::signalfd(-1, &stopping, SFD_CLOEXEC);
 }
 

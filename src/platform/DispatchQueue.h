@@ -29,7 +29,8 @@ class DispatchQueue {
   virtual void async(Block block) = 0;
   virtual const std::string& label() const = 0;
 
-  /// How every implementation runs a block that has its turn: whatever leaves it, and the raise for an absent one, goes to the handler.
+  /// How every implementation runs a block that has its turn: whatever leaves it, and the raise for an absent one, goes to the
+  /// handler.
   static void run(Block& block, UncaughtException& handler);
 };
 

@@ -14,10 +14,11 @@ std::atomic<Process*>& currentSlot() {
 }  // namespace
 
 Process::~Process() {
-  shared_.clear();
+  // Whatever runs first: its threads use all the rest.
   urlSession.reset();
-  application.reset();
   queues.reset();
+  application.reset();
+  shared_.clear();
 }
 
 Process* Process::currentOrNull() noexcept { return currentSlot().load(std::memory_order_acquire); }

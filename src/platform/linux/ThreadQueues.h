@@ -4,9 +4,9 @@
 // that a fault of their own raises, so that the host's handlers run on the host's threads. A queue whose first block comes from a
 // block of the background queue inherits that one's low priority, as the system has it.
 //
-// At exit() and quick_exit() a gate closes: no block starts any more, and the exiting thread gives the blocks that are running a fifth of a
-// second to end before it goes on to destroy static objects. The threads then sleep until the process is gone. In a child made by fork the
-// queues of the parent never run anything and are never waited for.
+// At exit() and quick_exit() a gate closes: no block starts any more, and the exiting thread gives the blocks that are running a
+// fifth of a second to end before it goes on to destroy static objects. The threads then sleep until the process is gone. In a
+// child made by fork the queues of the parent never run anything and are never waited for.
 #pragma once
 
 #include <memory>

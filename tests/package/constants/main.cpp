@@ -5,7 +5,7 @@
 
 int main() {
   const platform::ExternalConstants constants = kestrovaGeneratedConstants();
-  for (const auto& constant : {constants.apiHost, constants.apiVersionString, constants.sessionStartedKey, constants.didCookieMatchKey,
-                               constants.hawkLocalTimeSkew})
+  for (const auto& constant : {constants.apiHost, constants.apiVersionString, constants.sessionStartedKey,
+                               constants.didCookieMatchKey, constants.hawkLocalTimeSkew})
     std::printf("%s\n", constant ? constant->c_str() : "(absent)");
 }

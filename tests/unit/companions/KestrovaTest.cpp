@@ -169,6 +169,13 @@ TEST_F(KestrovaTest, WhatIsNotGivenHasADefault) {
   EXPECT_EQ(kHawkLocalTimeSkew(), "KSVHawkLocalTimeSkew");
 }
 
+TEST_F(KestrovaTest, TheDefaultsCanBeAskedForWithoutAStart) {
+  const platform::ExternalConstants defaults = Kestrova::defaultConstants();
+  EXPECT_EQ(defaults.apiHost, std::nullopt);
+  EXPECT_EQ(defaults.hawkLocalTimeSkew, "KSVHawkLocalTimeSkew");
+  EXPECT_EQ(Kestrova::shared(), nullptr);
+}
+
 TEST_F(KestrovaTest, TheBuildsConstantsAreTaken) {
   Kestrova::Configuration built;
   built.constants = {"started", "matched", "skew", "7", "built.example.com:8443"};

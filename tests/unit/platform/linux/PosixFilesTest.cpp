@@ -280,11 +280,13 @@ class PosixFilesTraced : public PosixFiles {
 TEST_F(PosixFilesTraced, F6_TheBytesAreOnTheDiskBeforeTheNameAndTheFolderAfter) {
   put("a", "new");
   put("b", "old");
-  const test::TracedRun run = traced("replace", {"-y", "-e", "trace=fsync,rename"});
+  test::TracedRun run = traced("replace", {"-y", "-e", "trace=fsync,rename"});
   EXPECT_EQ(run.output, "done");
-  const std::vector<std::string> expected = {"fsync(3<" + path("a") + ">) = 0",
+  // The numbers of the descriptors depend on what this process inherited.
+  for (std::string& call : run.calls) call = std::regex_replace(call, std::regex("^fsync\\([0-9]+"), "fsync(");
+  const std::vector<std::string> expected = {"fsync(<" + path("a") + ">) = 0",
                                              "rename(\"" + path("a") + "\", \"" + path("b") + "\") = 0",
-                                             "fsync(4<" + directory_.path() + ">) = 0"};
+                                             "fsync(<" + directory_.path() + ">) = 0"};
   EXPECT_EQ(run.calls, expected);
   EXPECT_EQ(bytes("b"), "new");
 }

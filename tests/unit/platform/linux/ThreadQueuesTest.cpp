@@ -197,23 +197,26 @@ TEST_F(ThreadQueuesTest, ASleepingThreadIsWokenByEachOfManySubmitters) {
   for (std::thread& submitter : submitters) submitter.join();
 }
 
-TEST_F(ThreadQueuesTest, ManyQueuesMayBeUsedAndDroppedWhileTheServiceEnds) {
+// Submits to queues of the service from several threads until after its end.
+void endWhileInUse(std::unique_ptr<platform::ThreadQueues> queues) {
   std::atomic<bool> stop = false;
-  std::vector<Queue> kept;
-  for (int i = 0; i < 4; ++i) kept.push_back(queues_->makeSerialQueue("kept"));
   std::vector<std::thread> submitters;
   std::latch started(4);
-  for (const Queue& queue : kept)
-    submitters.emplace_back([&stop, &started, queue] {
+  for (int i = 0; i < 4; ++i)
+    submitters.emplace_back([&stop, &started, queue = queues->makeSerialQueue("used")] {
       queue->async([] {});
       started.count_down();
       while (!stop) queue->async([held = queue] { held->async([] {}); });
     });
-  kept.clear();
   started.wait();
-  queues_.reset();
+  queues.reset();
   stop = true;
   for (std::thread& submitter : submitters) submitter.join();
+}
+
+TEST_F(ThreadQueuesTest, ManyQueuesMayBeUsedAndDroppedWhileTheServiceEnds) {
+  for (int round = 0; round < 20; ++round) endWhileInUse(std::make_unique<platform::ThreadQueues>(uncaught_));
+  EXPECT_FALSE(uncaught_->dead());
 }
 
 TEST_F(ThreadQueuesTest, Q4AnExecutorSparesTheMainQueuesThread) {
