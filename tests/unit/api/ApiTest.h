@@ -64,7 +64,8 @@ class ApiTest : public testing::Test {
   std::vector<int> posted(std::size_t index) {
     const auto body = platform::JSONSerialization::JSONObjectWithData(process.posts().at(index));
     std::vector<int> numbers;
-    for (const Value& record : body.value().objectForKey("data")->array()) numbers.push_back(record.objectForKey("n")->intValue());
+    const std::optional<Value> data = body.value().objectForKey("data");
+    for (const Value& record : data->array()) numbers.push_back(record.objectForKey("n")->intValue());
     return numbers;
   }
   static Value record(int number) { return Dictionary{{"n", number}}; }

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 
 #include "platform/Exception.h"
 #include "platform/linux/PosixFileManager.h"
