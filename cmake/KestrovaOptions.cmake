@@ -5,15 +5,19 @@ if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 add_library(kestrova_options INTERFACE)
-target_compile_options(kestrova_options INTERFACE -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor
-                                                  -Woverloaded-virtual -Wcast-align -Wunused -Wnull-dereference)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+target_compile_features(kestrova_options INTERFACE cxx_std_23)
+# A project that takes this one in compiles by its own rules.
+if(PROJECT_IS_TOP_LEVEL)
+  target_compile_options(kestrova_options INTERFACE -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor
+                                                    -Woverloaded-virtual -Wcast-align -Wunused -Wnull-dereference)
+endif()
+if(PROJECT_IS_TOP_LEVEL AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC 12 sees null dereferences and overlapping copies that are not there when it inlines the standard library.
   target_compile_options(kestrova_options INTERFACE -Wno-null-dereference -Wno-restrict -Wduplicated-cond -Wlogical-op)
 endif()
 # The standard library checks the bounds and preconditions of its own operations in debug builds.
 target_compile_definitions(kestrova_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
-target_include_directories(kestrova_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_include_directories(kestrova_options INTERFACE ${Kestrova_SOURCE_DIR}/src)
 
 if(KESTROVA_SANITIZE)
   add_compile_options(-fsanitize=${KESTROVA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g)

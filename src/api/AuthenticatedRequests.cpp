@@ -64,9 +64,10 @@ std::optional<std::string> KSVData::authHeaderForDataRequest(const std::optional
   KSVHawkAuth auth = getHawkAuth();
   auth.setMethod(request.HTTPMethod());
   auth.setTimestamp(getSkewedLocalTime());
+  const auto& url = request.URL();
+  if (url) auth.setRequestUri(url->query() ? stringWithFormat("%@?%@", {url->path(), *url->query()}) : url->path());
   auth.setNonce(KSVUtils::randomStringWithLength(8));
-  if (const auto& url = request.URL()) {
-    auth.setRequestUri(url->query() ? stringWithFormat("%@?%@", {url->path(), *url->query()}) : url->path());
+  if (url) {
     auth.setHost(url->host().value_or(""));
     const std::uint16_t port = url->port().value_or(0);
     auth.setPort(port == 0 ? 443 : port);

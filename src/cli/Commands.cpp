@@ -101,7 +101,10 @@ int runEvent(const Options& options) {
     data = *std::move(parsed);
   }
   signals.onStop([activity = host.activity()] { activity->interrupt(); });
-  host.start();
+  if (const auto started = host.start(); !started) {
+    printError(started.error());
+    return kBadInput;
+  }
   host.report(options.eventName, std::move(data));
   host.finish();
   return finishRun(host, options);
@@ -112,7 +115,8 @@ int runEvents(const Options& options) {
   Host host(options);
   auto opened = LineReader::open(options.inputFile);
   if (!opened) {
-    printError(fmt::format("cannot read {}: {}", options.inputFile, opened.error()));
+    const std::string name = options.inputFile == "-" ? "standard input" : options.inputFile;
+    printError(fmt::format("cannot read {}: {}", name, opened.error()));
     return kBadInput;
   }
   const auto input = std::make_shared<LineReader>(*std::move(opened));
@@ -120,7 +124,10 @@ int runEvents(const Options& options) {
     activity->interrupt();
     input->stop();
   });
-  host.start();
+  if (const auto started = host.start(); !started) {
+    printError(started.error());
+    return kBadInput;
+  }
   const std::vector<BadLine> badLines = reportLines(host, *input);
   host.finish();
   return finishRun(host, options, badLines);
@@ -130,7 +137,10 @@ int runFlush(const Options& options) {
   StopSignals signals;
   Host host(options);
   signals.onStop([activity = host.activity()] { activity->interrupt(); });
-  host.start();
+  if (const auto started = host.start(); !started) {
+    printError(started.error());
+    return kBadInput;
+  }
   host.flush();
   return finishRun(host, options);
 }

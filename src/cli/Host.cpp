@@ -1,16 +1,23 @@
 // The host application inside the command.
 #include "cli/Host.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "client/KSVData.h"
 #include "companions/KSVDebugger.h"
 #include "companions/KSVFeatureControl.h"
-#include "platform/Exception.h"
+#include "platform/FileManager.h"
 #include "platform/JSONSerialization.h"
 #include "platform/Process.h"
 #include "platform/UserDefaults.h"
@@ -47,7 +54,7 @@ std::string summary(std::string_view line) {
 }  // namespace
 
 ExitStatus Account::exitStatus(bool badInput) const {
-  if (lost > 0) return kLost;
+  if (lost > 0 || inputUnread) return kLost;
   if (kept > 0) return kKept;
   return badInput ? kBadInput : kDelivered;
 }
@@ -79,9 +86,28 @@ Host::Host(const Options& options) : options_(options) {
 
 Host::~Host() {
   if (kestrova_) KSVDebugger::sharedDebugger()->setListener(nullptr);
+  if (home_ >= 0) close(home_);
 }
 
-void Host::start() {
+std::expected<void, std::string> Host::holdHome() {
+  // The queue file is made for one process: two that append and load at once lose and double each other's records.
+  const auto folder = platform::FileManager::defaultManager().applicationSupportDirectory();
+  if (!folder) return std::unexpected("cannot use the home folder: " + folder.error().localizedDescription());
+  home_ = open(folder->path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (home_ < 0) return std::unexpected("cannot open " + folder->path() + ": " + std::strerror(errno));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(options_.timeout);
+  while (flock(home_, LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK) break;  // a file system without locks
+    if (activity_->interrupted() || std::chrono::steady_clock::now() > deadline) {
+      return std::unexpected("another kestrova uses " + folder->path());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return {};
+}
+
+std::expected<void, std::string> Host::start() {
+  if (auto held = holdHome(); !held) return held;
   if (const auto queue = inspectQueue()) waiting_ = queue->records;
   watchTrace();
   Kestrova::Configuration configuration;
@@ -92,6 +118,7 @@ void Host::start() {
   kestrova_ = Kestrova::start(std::move(configuration));
   delegate_ = std::make_shared<Delegate>(*this);
   kestrova_->setDelegate(delegate_);
+  return {};
 }
 
 void Host::watchTrace() {
@@ -111,9 +138,11 @@ void Host::report(const std::string& event, std::optional<platform::Dictionary> 
 
 bool Host::keepPace() {
   // One send at a time until the server takes something, and again once it stops to: writing back and loading then never overlap.
-  const Traffic traffic = activity_->traffic();
-  const bool serverTakes = traffic.lastWasDelivered;
-  return activity_->waitUntilAtMost(serverTakes ? kMaxRequestsUnderWay : 0, serverTakes ? kMaxWorkUnderWay : 0, options_.timeout);
+  const bool serverTakes = activity_->traffic().lastWasDelivered;
+  const bool inTime =
+      activity_->waitUntilAtMost(serverTakes ? kMaxRequestsUnderWay : 0, serverTakes ? kMaxWorkUnderWay : 0, options_.timeout);
+  timeIsUp_ = !inTime && !activity_->interrupted();
+  return inTime;
 }
 
 double Host::timeLeft() const {
@@ -138,8 +167,8 @@ void Host::stopAndWriteBack() {
 }
 
 void Host::finish() {
-  sendAndWait();
-  if (!activity_->isIdle()) stopAndWriteBack();
+  if (!timeIsUp_) sendAndWait();
+  if (timeIsUp_ || !activity_->isIdle()) stopAndWriteBack();
   rememberFeatures();
 }
 
@@ -186,6 +215,7 @@ Account Host::account() const {
   account.waiting = waiting_;
   account.delivered = traffic.delivered;
   account.interrupted = activity_->interrupted();
+  account.inputUnread = timeIsUp_;
   if (const auto queue = inspectQueue()) account.kept = queue->records;
   const std::uint64_t found = account.delivered + account.kept;
   const std::uint64_t all = recorded_ + waiting_;
@@ -194,8 +224,10 @@ Account Host::account() const {
   const std::lock_guard lock(mutex_);
   account.reasons = reasons_;
   if (traffic.challenges > resubmissions_) {
-    account.reasons["The server refused a batch with a clock challenge that could not be used, and the batch was dropped"] =
-        traffic.challenges - resubmissions_;
+    account.reasons
+        ["The server refused a batch's signature (401) and sent no time that could be trusted, so the batch was dropped: check the "
+         "secret "
+         "and the application's identifier"] = traffic.challenges - resubmissions_;
   }
   return account;
 }

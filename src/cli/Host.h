@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <expected>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,7 +28,8 @@ struct Account {
   std::uint64_t kept = 0;                        // in the queue file at the end
   std::uint64_t lost = 0;                        // in none of these places
   std::map<std::string, std::uint64_t> reasons;  // why something was kept or lost, and how often
-  bool interrupted = false;
+  bool interrupted = false;                      // by a signal
+  bool inputUnread = false;                      // the time was up before the input had been read to its end
 
   ExitStatus exitStatus(bool badInput) const;
 };
@@ -40,8 +42,9 @@ class Host {
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
-  /// Starts the SDK: from here on events can be reported.
-  void start();
+  /// Waits until no other command uses the same home, then starts the SDK: from here on events can be reported. What is wrong, when
+  /// the home cannot be used or stays in use until the time is up.
+  std::expected<void, std::string> start();
 
   void report(const std::string& event, std::optional<platform::Dictionary> data);
   /// Holds the caller back while much is under way; false when it is time to stop.
@@ -61,6 +64,7 @@ class Host {
  private:
   class Delegate;
 
+  std::expected<void, std::string> holdHome();
   void watchTrace();
   void sendAndWait();
   void stopAndWriteBack();
@@ -73,6 +77,8 @@ class Host {
   std::shared_ptr<Delegate> delegate_;
   std::uint64_t recorded_ = 0;
   std::uint64_t waiting_ = 0;
+  int home_ = -1;                                                  // a descriptor of the application's folder, locked
+  bool timeIsUp_ = false;                                          // while the input was being read
   std::optional<std::chrono::steady_clock::time_point> deadline_;  // from the first wait for outcomes on
 
   mutable std::mutex mutex_;  // guards what the trace listener and the delegate write

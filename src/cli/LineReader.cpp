@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,6 +18,11 @@ namespace cli {
 std::expected<LineReader, std::string> LineReader::open(const std::string& path) {
   const int descriptor = path == "-" ? dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return std::unexpected(std::string(std::strerror(errno)));
+  struct stat status{};
+  if (fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode)) {
+    close(descriptor);
+    return std::unexpected(std::string(std::strerror(EISDIR)));
+  }
   return LineReader(descriptor, eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
 }
 

@@ -3,9 +3,11 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -19,9 +21,12 @@ std::optional<std::string> environment(const char* name) {
 
 /// The content of a file without the line feed at its end.
 std::string readSecretFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+  std::error_code error;
+  std::ifstream file;
+  if (std::filesystem::is_directory(path, error)) error = std::make_error_code(std::errc::is_a_directory);
+  if (!error) file.open(path, std::ios::binary);
+  if (error || !file) throw CLI::ValidationError("--secret-file", "cannot read " + path + (error ? ": " + error.message() : ""));
   std::string secret((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (!file) throw CLI::ValidationError("--secret-file", "cannot read " + path);
   while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r')) secret.pop_back();
   if (secret.empty()) throw CLI::ValidationError("--secret-file", path + " holds no secret");
   return secret;
@@ -32,7 +37,6 @@ bool isOn(const std::optional<std::string>& value) { return value && !value->emp
 void requireForSending(const Options& options) {
   if (!options.apiHost) throw CLI::RequiredError("--api-host (or KESTROVA_API_HOST)");
   if (!options.secret) throw CLI::RequiredError("--secret-file (or KESTROVA_SECRET)");
-  if (!options.bundleId) throw CLI::RequiredError("--bundle-id (or KESTROVA_BUNDLE_ID)");
 }
 
 /// Host name with an optional port, nothing else: the client puts it between https:// and the path.
@@ -72,9 +76,13 @@ constexpr const char* kFooter =
     R"(Environment: KESTROVA_API_HOST, KESTROVA_API_VERSION, KESTROVA_BUNDLE_ID, KESTROVA_HOME, KESTROVA_SECRET and
 KESTROVA_DEBUG=1 stand for the options of those names. SSL_CERT_FILE names trust anchors to use instead of the system's.
 
-Exit status: 0 everything delivered, 2 bad usage or bad input, 3 something kept for later, 4 something lost (4 before 3 before 2).
+Exit status: 0 everything delivered, 1 the command itself failed, 2 bad usage or bad input, 3 something kept for later, 4 something lost
+(4 before 3 before 2). A batch whose signature the server refuses is lost.
+
+Events leave ten at a time, at a session start, and when the input ends. One home is used by one command at a time; others wait.
 
 Examples:
+  export SSL_CERT_FILE=$HOME/.local/state/kestrova-devserver/ca.pem      # trusts the development server
   kestrova --api-host localhost:8443 --bundle-id com.example.app --secret-file secret event opened --data '{"screen": "home"}'
   kestrova events events.jsonl --json
   kestrova queue)";

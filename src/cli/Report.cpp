@@ -26,15 +26,23 @@ platform::Dictionary accountObject(const Account& account, const std::vector<Bad
   platform::Array lines;
   for (const BadLine& line : badLines)
     lines.addObject(platform::Value(platform::Dictionary{{"line", line.number}, {"reason", line.reason}}));
-  return {{"recorded", account.recorded}, {"waiting", account.waiting}, {"delivered", account.delivered},
-          {"kept", account.kept},         {"lost", account.lost},       {"interrupted", account.interrupted},
-          {"reasons", reasons},           {"badLines", lines},          {"directives", directives}};
+  return {{"recorded", account.recorded},
+          {"waiting", account.waiting},
+          {"delivered", account.delivered},
+          {"kept", account.kept},
+          {"lost", account.lost},
+          {"interrupted", account.interrupted},
+          {"inputUnread", account.inputUnread},
+          {"reasons", reasons},
+          {"badLines", lines},
+          {"directives", directives}};
 }
 
 }  // namespace
 
-void printLine(const std::string& line) { fmt::print(stdout, "{}\n", line); }
-void printError(const std::string& line) { fmt::print(stderr, "kestrova: {}\n", line); }
+// With the C library: what cannot be written is no reason to end here; main looks at standard output once more.
+void printLine(const std::string& line) { std::fprintf(stdout, "%s\n", line.c_str()); }
+void printError(const std::string& line) { std::fprintf(stderr, "kestrova: %s\n", line.c_str()); }
 
 void printJSON(const platform::Dictionary& object) {
   const auto text = platform::JSONSerialization::dataWithJSONObject(object);
@@ -51,6 +59,8 @@ void printAccount(const Account& account, const std::vector<BadLine>& badLines, 
     return;
   }
   if (account.interrupted) printLine("Stopped early.");
+  if (account.inputUnread)
+    printLine("The time was up before the input had been read to its end; what was not read is in no place.");
   std::string waiting;
   if (account.waiting > 0) waiting = fmt::format(" and {} from earlier runs", account.waiting);
   printLine(fmt::format("{} recorded{}: {} delivered, {} kept on disk, {} lost.", counted(account.recorded, "event"), waiting,
@@ -84,7 +94,7 @@ void printQueue(const QueueContent& queue, bool json) {
 Progress::Progress() : isTerminal_(isatty(STDERR_FILENO) == 1), last_(secondsNow()) {}
 
 Progress::~Progress() {
-  if (isDrawn_) fmt::print(stderr, "\r\033[K");
+  if (isDrawn_) std::fputs("\r\033[K", stderr);
 }
 
 void Progress::update(std::uint64_t recorded, std::uint64_t delivered) {
@@ -92,8 +102,8 @@ void Progress::update(std::uint64_t recorded, std::uint64_t delivered) {
   if (now - last_ < (isTerminal_ ? kTerminalInterval : kPlainInterval)) return;
   last_ = now;
   isDrawn_ = isTerminal_;
-  const char* frame = isTerminal_ ? "\r\033[K{} recorded, {} delivered" : "{} recorded, {} delivered\n";
-  fmt::print(stderr, fmt::runtime(frame), counted(recorded, "event"), delivered);
+  const std::string told = fmt::format("{} recorded, {} delivered", counted(recorded, "event"), delivered);
+  std::fprintf(stderr, isTerminal_ ? "\r\033[K%s" : "%s\n", told.c_str());
   std::fflush(stderr);
 }
 

@@ -1,8 +1,11 @@
 // The kestrova command.
+#include <cstdio>
+
 #include "cli/Commands.h"
 #include "cli/Options.h"
 #include "cli/Report.h"
 #include "platform/Exception.h"
+#include "platform/linux/StandardDescriptors.h"
 
 namespace {
 
@@ -27,12 +30,20 @@ int run(const cli::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  platform::holdStandardDescriptors();
   const cli::ParseResult parsed = cli::parseOptions(argc, argv);
-  if (!parsed.options) return parsed.exitStatus;
-  try {
-    return run(*parsed.options);
-  } catch (const platform::Exception& exception) {
-    cli::printError(exception.reason());
-    return cli::kFailed;
+  int status = parsed.exitStatus;
+  if (parsed.options) {
+    try {
+      status = run(*parsed.options);
+    } catch (const platform::Exception& exception) {
+      cli::printError(exception.reason());
+      status = cli::kFailed;
+    }
   }
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    cli::printError("cannot write the report to standard output");
+    if (status == cli::kDelivered) status = cli::kFailed;
+  }
+  return status;
 }

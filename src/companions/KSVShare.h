@@ -17,6 +17,7 @@ enum KSVShareState : std::int64_t {
   KSVShareStateInstalled = 3,
 };
 
+/// A value: reading one from many threads is safe, changing it is its owner's business.
 struct KSVShare {
   std::shared_ptr<const KSVReferralCode> referralCode;
   bool isFallback = false;
@@ -25,4 +26,10 @@ struct KSVShare {
   std::optional<platform::Date> updatedAt;
   std::optional<platform::Dictionary> data;
   std::optional<platform::URL> URL;
+
+  /// The share as a JSON object, in the form of docs/formats/share.md; what is absent is left out.
+  platform::Dictionary serialize() const;
+  /// The share of such an object; null for any other value, and for an object with a member of the wrong kind. Members that are
+  /// unknown are passed over. Never raises.
+  static std::shared_ptr<KSVShare> deserialize(const platform::Value& serialized);
 };

@@ -8,6 +8,7 @@
 #include <span>
 #include <utility>
 
+#include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/SecureRandom.h"
 
@@ -66,11 +67,27 @@ constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmn
 // Bytes from here on are thrown away: below lies a whole number of alphabets, so that every character is equally likely.
 constexpr unsigned kFirstRejectedByte = 256 / kAlphabet.size() * kAlphabet.size();
 
+std::string randomText(std::size_t wanted) {
+  std::string text;
+  text.reserve(wanted);
+  std::array<std::byte, 64> buffer;
+  while (text.size() < wanted) {
+    const std::span<std::byte> bytes = std::span(buffer).first(std::min(wanted - text.size(), buffer.size()));
+    platform::SecureRandom::source().fill(bytes);
+    for (const std::byte byte : bytes)
+      if (const auto number = std::to_integer<unsigned>(byte); number < kFirstRejectedByte)
+        text.push_back(kAlphabet[number % kAlphabet.size()]);
+  }
+  return text;
+}
+
 // A name in the temporary directory that nobody can guess.
 std::optional<URL> unguessableTempfileUrl() {
   const auto directory = FileManager::defaultManager().temporaryDirectory();
   if (!directory) return std::nullopt;
-  return directory->URLByAppendingPathComponent("kestrova-" + KSVUtils::randomStringWithLength(32));
+  const std::string name = KSVUtils::randomStringWithLength(32);
+  if (name.empty()) return std::nullopt;  // a name that can be guessed is worse than none
+  return directory->URLByAppendingPathComponent("kestrova-" + name);
 }
 
 // Nobody else can have made the names, so a second one is needed only when the random source repeats itself.
@@ -112,19 +129,12 @@ std::optional<URL> KSVUtils::applicationSupportDirectory() {
 }
 
 std::string KSVUtils::randomStringWithLength(std::int32_t length) {
-  std::string text;
-  if (length < 1) return text;
-  const auto wanted = static_cast<std::size_t>(length);
-  text.reserve(wanted);
-  std::array<std::byte, 64> buffer;
-  while (text.size() < wanted) {
-    const std::span<std::byte> bytes = std::span(buffer).first(std::min(wanted - text.size(), buffer.size()));
-    platform::SecureRandom::source().fill(bytes);
-    for (const std::byte byte : bytes)
-      if (const auto number = std::to_integer<unsigned>(byte); number < kFirstRejectedByte)
-        text.push_back(kAlphabet[number % kAlphabet.size()]);
+  if (length < 1) return {};
+  try {
+    return randomText(static_cast<std::size_t>(length));
+  } catch (const platform::Exception&) {
+    return {};
   }
-  return text;
 }
 
 std::optional<URL> KSVUtils::createTempfileWithContents(const std::optional<platform::Data>& data) {

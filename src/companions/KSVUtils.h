@@ -19,7 +19,8 @@ class KSVUtils {
   /// ISO 8601 in UTC with milliseconds, rounded down: `2026-11-20T20:19:39.123Z`.
   static std::string getIso8601(platform::Date date);
   static std::optional<platform::URL> applicationSupportDirectory();
-  /// Characters A-Z, a-z and 0-9 from the secure random source, each equally likely. Empty for a length below 1.
+  /// Characters A-Z, a-z and 0-9 from the secure random source, each equally likely. Empty for a length below 1, and when
+  /// the source gives nothing.
   static std::string randomStringWithLength(std::int32_t length);
   /// A new temporary file (mode 0600, made exclusively, on the volume of the Application Support directory) with exactly the data;
   /// empty when the data is absent.

@@ -201,7 +201,7 @@ std::expected<Pair, std::string> readOrMakeAuthority(const std::filesystem::path
                                                      Certificates& result) {
   const std::filesystem::path keyFile = state / "ca.key";
   // The key is written first: a certificate without it was not left behind by an interrupted start.
-  if (std::filesystem::exists(result.authority)) {
+  if (std::error_code error; std::filesystem::exists(result.authority, error)) {
     auto pair = readPair(result.authority, keyFile);
     if (!pair) return std::unexpected(pair.error() + "; remove it, and ca.pem, to have a new authority made");
     if (lastsUntil(pair->certificate.get(), now + kAuthorityReserve)) return pair;

@@ -29,16 +29,22 @@ bool writeAll(int descriptor, std::string_view content) {
   return ::fsync(descriptor) == 0;
 }
 
+/// False also for what cannot be looked at.
+bool isDirectory(const std::filesystem::path& path) {
+  std::error_code error;
+  return std::filesystem::is_directory(path, error);
+}
+
 }  // namespace
 
 std::expected<void, std::string> makePrivateFolder(const std::filesystem::path& folder) {
   std::filesystem::path made;
   for (const auto& part : std::filesystem::absolute(folder)) {
     made /= part;
-    if (::mkdir(made.c_str(), S_IRWXU) != 0 && errno != EEXIST && !std::filesystem::is_directory(made))
+    if (::mkdir(made.c_str(), S_IRWXU) != 0 && errno != EEXIST && !isDirectory(made))
       return failure("cannot make the folder", made, errno);
   }
-  if (!std::filesystem::is_directory(folder)) return failure("cannot make the folder", folder, ENOTDIR);
+  if (!isDirectory(folder)) return failure("cannot make the folder", folder, ENOTDIR);
   return {};
 }
 

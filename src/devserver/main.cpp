@@ -18,6 +18,7 @@
 #include "devserver/Options.h"
 #include "devserver/Server.h"
 #include "devserver/TlsConnection.h"
+#include "platform/linux/StandardDescriptors.h"
 
 namespace {
 
@@ -87,6 +88,7 @@ int run(const devserver::Options& options, int stop) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  platform::holdStandardDescriptors();
   const auto options = devserver::parseOptions(argc, argv);
   if (!options) return options.error();
   const int stop = stopDescriptor();

@@ -6,7 +6,8 @@
 class FileHandleCloser {
  public:
   explicit FileHandleCloser(platform::FileHandle& handle) : handle_(handle) {}
-  ~FileHandleCloser() { handle_.closeFile(); }
+  // What is no failure of the platform passes to the caller, also from here.
+  ~FileHandleCloser() noexcept(false) { handle_.closeFile(); }
   FileHandleCloser(const FileHandleCloser&) = delete;
   FileHandleCloser& operator=(const FileHandleCloser&) = delete;
 

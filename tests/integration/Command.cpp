@@ -178,7 +178,7 @@ TEST_F(Command, ARefusedClockChallengeIsALossWithItsReason) {
   const Run done = run({"event", "opened"}, &server);
   EXPECT_EQ(done.end, "exited with 4");
   EXPECT_THAT(done.output, HasSubstr("1 event recorded: 0 delivered, 0 kept on disk, 1 lost."));
-  EXPECT_THAT(done.output, HasSubstr("a clock challenge that could not be used"));
+  EXPECT_THAT(done.output, HasSubstr("refused a batch's signature (401)"));
 }
 
 TEST_F(Command, TheQueueShowsOldestNewestAndWhatIsBroken) {
@@ -218,6 +218,17 @@ TEST_F(Command, WhenTheTimeIsUpWhatIsUnansweredIsWrittenBack) {
   EXPECT_EQ(done.end, "exited with 3") << done.errors;
   EXPECT_EQ(done.number("kept"), 1U);
   EXPECT_THAT(done.output, HasSubstr("Couldn't submit events: cancelled"));
+}
+
+TEST_F(Command, WhenTheTimeIsUpWhileTheInputIsReadTheRestIsToldAndTheStatusIsALoss) {
+  DevServer server({"--delay", "60000"});
+  ASSERT_EQ(server.fault(), "");
+  const Run done = run({"--json", "--timeout", "1", "events", file("events", lines(300))}, &server);
+  EXPECT_EQ(done.end, "exited with 4") << done.errors;
+  EXPECT_EQ(done.report.objectForKey("inputUnread"), Value(true));
+  EXPECT_EQ(done.number("recorded"), 10U);
+  EXPECT_EQ(done.number("kept"), 10U);
+  EXPECT_EQ(done.number("lost"), 0U);
 }
 
 TEST_F(Command, SignalsStopItAndWhatIsInMemoryIsKept) {

@@ -158,6 +158,16 @@ TEST_F(Appending, WithoutATemporaryFileTheHandleFailsAndSoDoesTheRemoval) {
                           "Could not delete file '(null)', error was: " + generic));
 }
 
+TEST_F(Appending, ARandomSourceThatRaisesIsATemporaryFileThatCannotBeMade) {
+  process.plan().raise("SecureRandom.fill", everyCall(), kRaise);
+  EXPECT_EQ(KSVUtils::randomStringWithLength(8), "");
+  EXPECT_EQ(KSVUtils::getNewTempfileUrl(), std::nullopt);
+  inspect.saveQueueToFile(records({record(1)}));
+  EXPECT_EQ(process.queueFile(), std::nullopt);
+  ASSERT_THAT(process.messages(), SizeIs(4));
+  EXPECT_THAT(process.messages()[1], StartsWith("Borked while getting filehandle to tempfile, will discard current queue: "));
+}
+
 TEST_F(Appending, WhenTheCopyCannotBeRemovedTheSystemLogIsTold) {
   process.setQueueFile(old);
   process.plan().fail("FileManager.openForWriting", nth(1), kError);

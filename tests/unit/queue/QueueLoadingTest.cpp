@@ -444,6 +444,15 @@ TEST_F(LoadingCopies, AStandardExceptionPassesToTheCallerAfterBothHandlesAreClos
   EXPECT_EQ(process.plan().count("FileHandle.closeFile"), 2U);
 }
 
+TEST_F(LoadingCopies, AStandardExceptionFromAClosePassesToTheCallerAfterTheOtherHandleIsClosedToo) {
+  process.setQueueFile(all);
+  process.plan().clearCalls();
+  process.plan().throwStandard("FileHandle.closeFile", nth(1));
+  EXPECT_THROW(inspect.getSavedJsonData(), std::runtime_error);
+  EXPECT_EQ(process.plan().count("FileHandle.closeFile"), 2U);
+  EXPECT_EQ(process.queueFile(), all);
+}
+
 TEST_F(LoadingCopies, TheFinalEmptyChunkIsWrittenToo) {
   process.setQueueFile(all);
   process.plan().clearCalls();
