@@ -37,9 +37,9 @@ void KSVData::sendEventsAttempt(Events events, std::int32_t attemptNumber) {
     return;
   }
   const auto task = platform::URLSession::sharedSession().dataTaskWithRequestCompletionHandler(
-      *std::move(request),
-      [self = shared_from_this(), events = std::move(events), attemptNumber](
-          std::optional<platform::Data> data, platform::HTTPURLResponseRef response, std::optional<platform::Error> error) mutable {
+      *std::move(request), [self = shared_from_this(), events = std::move(events), attemptNumber](
+                               const std::optional<platform::Data>& data, const platform::HTTPURLResponseRef& response,
+                               const std::optional<platform::Error>& error) mutable {
         self->handleEventsOutcome(std::move(events), attemptNumber, data, response, error);
       });
   task->resume();

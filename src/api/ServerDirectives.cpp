@@ -43,7 +43,7 @@ void KSVData::interpretResponseData(const Value& responseData) {
   }
 }
 
-void KSVData::registerNotifications(const Value& notifications) {
+void KSVData::registerNotifications(const Value& notifications) const {
   if (notifications.count() == 0) return;
   if (const auto receiver = delegate()) receiver->handleEventsFromServer(notifications);
 }

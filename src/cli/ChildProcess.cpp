@@ -11,8 +11,6 @@
 #include <map>
 #include <system_error>
 
-extern char** environ;
-
 namespace cli {
 namespace {
 
@@ -25,12 +23,14 @@ std::vector<std::string> mergedEnvironment(const Environment& over) {
   }
   for (const auto& [name, value] : over) merged[name] = value;
   std::vector<std::string> entries;
-  for (const auto& [name, value] : merged) entries.push_back(name + "=" + value);
+  entries.reserve(merged.size());
+  for (const auto& [name, value] : merged) entries.push_back(std::string(name).append("=").append(value));
   return entries;
 }
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (std::string& text : texts) result.push_back(text.data());
   result.push_back(nullptr);
   return result;

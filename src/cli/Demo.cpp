@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -88,11 +89,10 @@ std::uint64_t total(const Events& events) {
 
 /// True when no event occurs more often in `part` than in `whole`.
 bool isWithin(const Events& part, const Events& whole) {
-  for (const auto& [text, count] : part) {
-    const auto found = whole.find(text);
-    if (found == whole.end() || found->second < count) return false;
-  }
-  return true;
+  return std::ranges::all_of(part, [&](const auto& entry) {
+    const auto found = whole.find(entry.first);
+    return found != whole.end() && found->second >= entry.second;
+  });
 }
 
 Events eventsOfInput(std::string_view text) {

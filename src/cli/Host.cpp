@@ -123,7 +123,7 @@ std::expected<void, std::string> Host::start() {
 
 void Host::watchTrace() {
   KSVDebugger::sharedDebugger()->setListener([this](std::string_view line) {
-    if (options_.debug) std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    if (options_.debug) (void)std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
     const std::lock_guard lock(mutex_);
     if (line.starts_with("Re-submitting")) ++resubmissions_;
     if (line.starts_with("Truncating file on disk")) ++reasons_["The queue file was over its limit and lost its oldest records"];

@@ -41,8 +41,8 @@ platform::Dictionary accountObject(const Account& account, const std::vector<Bad
 }  // namespace
 
 // With the C library: what cannot be written is no reason to end here; main looks at standard output once more.
-void printLine(const std::string& line) { std::fprintf(stdout, "%s\n", line.c_str()); }
-void printError(const std::string& line) { std::fprintf(stderr, "kestrova: %s\n", line.c_str()); }
+void printLine(const std::string& line) { (void)std::fprintf(stdout, "%s\n", line.c_str()); }
+void printError(const std::string& line) { (void)std::fprintf(stderr, "kestrova: %s\n", line.c_str()); }
 
 void printJSON(const platform::Dictionary& object) {
   const auto text = platform::JSONSerialization::dataWithJSONObject(object);
@@ -94,7 +94,7 @@ void printQueue(const QueueContent& queue, bool json) {
 Progress::Progress() : isTerminal_(isatty(STDERR_FILENO) == 1), last_(secondsNow()) {}
 
 Progress::~Progress() {
-  if (isDrawn_) std::fputs("\r\033[K", stderr);
+  if (isDrawn_) (void)std::fputs("\r\033[K", stderr);
 }
 
 void Progress::update(std::uint64_t recorded, std::uint64_t delivered) {
@@ -103,8 +103,8 @@ void Progress::update(std::uint64_t recorded, std::uint64_t delivered) {
   last_ = now;
   isDrawn_ = isTerminal_;
   const std::string told = fmt::format("{} recorded, {} delivered", counted(recorded, "event"), delivered);
-  std::fprintf(stderr, isTerminal_ ? "\r\033[K%s" : "%s\n", told.c_str());
-  std::fflush(stderr);
+  (void)std::fprintf(stderr, isTerminal_ ? "\r\033[K%s" : "%s\n", told.c_str());
+  (void)std::fflush(stderr);
 }
 
 }  // namespace cli

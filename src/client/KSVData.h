@@ -107,7 +107,7 @@ class KSVData : public std::enable_shared_from_this<KSVData> {
 
   // Server directives (api/): what the answer tells the delegate and the feature switchboard.
   void interpretResponseData(const platform::Value& responseData);
-  void registerNotifications(const platform::Value& notifications);
+  void registerNotifications(const platform::Value& notifications) const;
 
   // Limits. The integers never change after start-up.
   std::int32_t newEventsInMemory = 0;          // records in memory at which a send starts

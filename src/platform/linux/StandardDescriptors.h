@@ -15,7 +15,7 @@ inline void holdStandardDescriptors() {
   int descriptor = open("/dev/null", O_RDWR);
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = open("/dev/null", O_RDWR);
   if (descriptor > STDERR_FILENO) close(descriptor);
-  signal(SIGPIPE, SIG_IGN);
+  (void)signal(SIGPIPE, SIG_IGN);
 }
 
 }  // namespace platform
