@@ -3,41 +3,22 @@
 // The client keeps to the first processor and the development server to the second: a loopback round trip costs several times as
 // much when the scheduler moves the two about, so that an unpinned run says nothing.
 #include <benchmark/benchmark.h>
-#include <sched.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <thread>
 
-#include "cli/ChildProcess.h"
 #include "client/KSVData.h"
+#include "common/DevelopmentServer.h"
 #include "common/Sandbox.h"
 #include "platform/Process.h"
 #include "support/KSVDataInspector.h"
 
 namespace {
-
-namespace fs = std::filesystem;
-
-constexpr const char* kApplication = "com.example.bench";
-constexpr const char* kSecret = "s3cr3t-API-key-0123456789abcdef";
-
-void keepToProcessor(int processor) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(processor, &set);
-  sched_setaffinity(0, sizeof set, &set);  // threads and children made from here on inherit it
-}
 
 /// Processor time of this process so far, in seconds.
 double processorTime() {
@@ -48,44 +29,6 @@ double processorTime() {
   };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
-
-class Server {
- public:
-  Server() {
-    std::string name = (fs::temp_directory_path() / "kestrova-bench-XXXXXX").string();
-    if (!mkdtemp(name.data())) throw std::runtime_error("cannot make a temporary folder");
-    folder_ = name;
-    std::ofstream(folder_ / "apps.json") << "{\"" << kApplication << "\": \"" << kSecret << "\"}";
-    keepToProcessor(1);
-    process_ = std::make_unique<cli::ChildProcess>(
-        std::string(KESTROVA_BIN_DIR) + "/kestrova-devserver",
-        std::vector<std::string>{"--port", "0", "--state", (folder_ / "state").string(), "--apps", (folder_ / "apps.json").string(),
-                                 "--ready-file", (folder_ / "ready").string()},
-        cli::Environment{}, "/dev/null");
-    keepToProcessor(0);
-    while (!fs::exists(folder_ / "ready")) {
-      if (process_->hasEnded()) throw std::runtime_error("the development server did not start");
-      std::this_thread::yield();
-    }
-  }
-  ~Server() {
-    process_.reset();
-    std::error_code ignored;
-    fs::remove_all(folder_, ignored);
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-
-  std::string readyText() const {
-    std::ifstream file(folder_ / "ready");
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
-  fs::path folder() const { return folder_; }
-
- private:
-  fs::path folder_;
-  std::unique_ptr<cli::ChildProcess> process_;
-};
 
 /// Counts the records that were answered, so that the benchmark can keep the pace of a network and wait for its end. Records of the
 /// benchmark are all of one length, so that a body's length tells how many it holds.
@@ -132,22 +75,17 @@ void eventsEndToEnd(benchmark::State& state) {
   constexpr std::uint64_t kEvents = 10'000;
   constexpr std::uint64_t kMostUnanswered = 500;
 
-  const Server server;
+  const bench::DevelopmentServer server;
   platform::SystemOptions options;
-  options.bundleIdentifier = kApplication;
+  options.bundleIdentifier = bench::kApplication;
   options.homeDirectory = (server.folder() / "device").string();
-  const auto probe = platform::makeSystemProcess(options);
-  const auto ready = probe->json->read(platform::Data(server.readyText())).value();
-  setenv("SSL_CERT_FILE", std::string(ready.objectForKey("caFile")->string().view()).c_str(), 1);
-
   const auto process = platform::makeSystemProcess(options);
   const auto session = std::make_shared<Counting>(process->urlSession);
   process->urlSession = session;
-  process->constants = {"session-started", "did-cookie-match", "skew", "1",
-                        "localhost:" + std::to_string(ready.objectForKey("port")->integerValue())};
+  process->constants = {"session-started", "did-cookie-match", "skew", "1", server.host()};
   {
     const platform::Process::Scope scope(*process);
-    const auto client = KSVData::initWithSecret(kSecret);
+    const auto client = KSVData::initWithSecret(bench::kSecret);
     const platform::Dictionary data = bench::fiveProperties();
     const platform::Dictionary record = KSVDataInspector(client).addEventWrappingWithData("gif-viewed", bench::fiveProperties());
     platform::Dictionary withSession = record.objectForKey("eventData")->object();

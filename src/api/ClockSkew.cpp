@@ -2,6 +2,7 @@
 #include <cstdint>
 
 #include "client/KSVData.h"
+#include "companions/CorrectedClock.h"
 #include "companions/KSVConstants.h"
 #include "companions/KSVDebugger.h"
 #include "platform/UserDefaults.h"
@@ -25,11 +26,11 @@ Date KSVData::now() {
   return Date::date().dateByAddingTimeInterval(-static_cast<double>(kTestOffset));
 }
 
-std::int64_t KSVData::getLocalTimeSkew() { return UserDefaults::standardUserDefaults().integerForKey(kHawkLocalTimeSkew()); }
+std::int64_t KSVData::getLocalTimeSkew() { return CorrectedClock::skew(); }
 
 Date KSVData::getSkewedLocalTime() {
   const std::int64_t skew = getLocalTimeSkew();
-  const double local = now().timeIntervalSince1970();
+  const Date local = now();
   if (skew != 0) debugTrace("Adjusting local time by %lld", skew);
-  return Date::dateWithTimeIntervalSince1970(local + static_cast<double>(skew));
+  return CorrectedClock::corrected(local, skew);
 }

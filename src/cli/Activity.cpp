@@ -100,6 +100,8 @@ class ObservedQueue final : public DispatchQueue {
   void async(Block block) override {
     queue_->async([work = std::make_unique<Activity::Work>(activity_), block = std::move(block)]() mutable { block(); });
   }
+  // Not counted: what only waits for a time limit must not keep the command waiting.
+  void asyncAfter(double seconds, Block block) override { queue_->asyncAfter(seconds, std::move(block)); }
   const std::string& label() const override { return queue_->label(); }
 
  private:

@@ -2,15 +2,10 @@
 #include "cli/Commands.h"
 
 #include <fmt/format.h>
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "cli/EventInput.h"
@@ -18,6 +13,7 @@
 #include "cli/LineReader.h"
 #include "cli/QueueInspection.h"
 #include "cli/Report.h"
+#include "cli/StopSignals.h"
 #include "companions/KSVConstants.h"
 #include "companions/KSVIdentityStorage.h"
 #include "companions/KSVUtils.h"
@@ -25,31 +21,6 @@
 
 namespace cli {
 namespace {
-
-/// Turns the first SIGINT or SIGTERM into a request to stop, and the second into an end at once. Must be made before any other
-/// thread, so that every thread leaves these signals to the one that waits for them.
-class StopSignals {
- public:
-  StopSignals() {
-    sigemptyset(&signals_);
-    sigaddset(&signals_, SIGINT);
-    sigaddset(&signals_, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-  }
-
-  void onStop(std::function<void()> stop) {
-    std::thread([signals = signals_, stop = std::move(stop)] {
-      int signal = 0;
-      sigwait(&signals, &signal);
-      stop();
-      sigwait(&signals, &signal);
-      _exit(128 + signal);
-    }).detach();
-  }
-
- private:
-  sigset_t signals_{};
-};
 
 int finishRun(Host& host, const Options& options, const std::vector<BadLine>& badLines = {}) {
   const Account account = host.account();

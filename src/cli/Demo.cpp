@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -19,15 +21,18 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "cli/ChildProcess.h"
 #include "cli/Commands.h"
+#include "cli/DemoUpload.h"
 #include "cli/EventInput.h"
 #include "cli/Report.h"
 #include "platform/Exception.h"
 #include "platform/JSONSerialization.h"
 #include "platform/Process.h"
+#include "platform/URLSession.h"
 
 namespace cli {
 namespace {
@@ -70,6 +75,12 @@ std::uint64_t number(const Dictionary& object, std::string_view key) {
   const auto value = object.objectForKey(key);
   require(value.has_value(), "the report has no " + std::string(key));
   return static_cast<std::uint64_t>(value->integerValue());
+}
+
+std::string text(const Dictionary& object, std::string_view key) {
+  const auto value = object.objectForKey(key);
+  require(value && value->isString(), "there is no text " + std::string(key) + " in " + object.description());
+  return std::string(value->string().view());
 }
 
 /// How often each event occurs, by its name and data as text.
@@ -162,6 +173,14 @@ class Server {
 
   std::string host() const { return fmt::format("localhost:{}", port_); }
   const std::string& authority() const { return authority_; }
+  fs::path journal() const { return folder_ / "journal.jsonl"; }
+
+  /// The newest entry of its journal.
+  Dictionary lastRequest() const {
+    std::string entries = readFile(journal());
+    if (entries.ends_with('\n')) entries.pop_back();
+    return parsed(std::string_view(entries).substr(entries.rfind('\n') + 1));
+  }
 
   /// The events that the server took since this was asked last.
   Events takeReceived() {
@@ -187,8 +206,6 @@ class Server {
     }
   }
 
-  fs::path journal() const { return folder_ / "journal.jsonl"; }
-
   fs::path program_;
   const Folder& folder_;
   std::unique_ptr<ChildProcess> process_;
@@ -210,6 +227,8 @@ class Demo {
   Demo() : bin_(fs::read_symlink("/proc/self/exe").parent_path()), server_(bin_ / "kestrova-devserver", folder_) {
     writeFile(folder_ / "secret", "a-secret-of-the-demo-only");
     writeFile(folder_ / "apps.json", fmt::format("{{\"{}\": \"a-secret-of-the-demo-only\"}}\n", kApplication));
+    // The commands of the demo have nothing to do with the user's own uploads.
+    require(setenv("KESTROVA_TRANSFER_DIR", (folder_ / "transfers").c_str(), 1) == 0, "the environment is full");
     input_ = findInput();
     events_ = eventsOfInput(readFile(input_));
   }
@@ -222,6 +241,9 @@ class Demo {
     keepAndDrain();
     healTheClock();
     obeyDirectives();
+    share();
+    patchAndMatch();
+    upload();
     outgrowTheLimit();
     server_.stop();
     printTable();
@@ -241,19 +263,25 @@ class Demo {
     Dictionary report;
   };
 
-  Outcome kestrova(const std::vector<std::string>& command) {
-    std::vector<std::string> arguments{"--api-host",    server_.host(),
-                                       "--bundle-id",   kApplication,
-                                       "--home",        (folder_ / "device").string(),
-                                       "--secret-file", (folder_ / "secret").string(),
-                                       "--json"};
+  std::vector<std::string> commandOptions() const {
+    return {"--api-host",    server_.host(),
+            "--bundle-id",   kApplication,
+            "--home",        (folder_ / "device").string(),
+            "--secret-file", (folder_ / "secret").string(),
+            "--json"};
+  }
+
+  Outcome kestrova(const std::vector<std::string>& command, const Environment& environment = {}) {
+    std::vector<std::string> arguments = commandOptions();
     arguments.insert(arguments.end(), command.begin(), command.end());
     std::string shown = "kestrova";
     for (const std::string& word : command)
       shown += " " + (word.find_first_of(" {") == std::string::npos ? word : "'" + word + "'");
     printLine("  $ " + shown);
     const fs::path output = folder_ / "command-output";
-    ChildProcess process((bin_ / "kestrova").string(), arguments, {{"SSL_CERT_FILE", server_.authority()}}, output.string());
+    Environment all{{"SSL_CERT_FILE", server_.authority()}};
+    all.insert(all.end(), environment.begin(), environment.end());
+    ChildProcess process((bin_ / "kestrova").string(), arguments, all, output.string());
     const int status = process.wait();
     return {status, parsed(readFile(output))};
   }
@@ -322,6 +350,102 @@ class Demo {
     }
   }
 
+  /// A command without events, whose exit status must say that all went well.
+  Dictionary succeed(const std::vector<std::string>& command, const Environment& environment = {}) {
+    const Outcome outcome = kestrova(command, environment);
+    require(outcome.status == kDelivered,
+            fmt::format("{}: exit status {}; the report is {}", command[0], outcome.status, outcome.report.description()));
+    return outcome.report;
+  }
+
+  /// Looks at a page as a browser would that trusts the server; it must be answered with status 200.
+  void visit(const std::string& link) {
+    const auto url = platform::URL::URLWithString(link);
+    require(url.has_value(), "not an address: " + link);
+    setenv("SSL_CERT_FILE", server_.authority().c_str(), 1);
+    std::promise<std::pair<std::int64_t, std::string>> answer;
+    const std::unique_ptr<platform::Process> browser = platform::makeSystemProcess({});  // it reads the environment anew
+    const auto task = browser->urlSession->dataTaskWithRequestCompletionHandler(
+        platform::URLRequest(url),
+        [&answer](const std::optional<platform::Data>& data, const platform::HTTPURLResponseRef& response,
+                  const std::optional<platform::Error>& error) {
+          const std::string said = error ? error->localizedDescription() : std::string(data.value_or(platform::Data()).bytes());
+          answer.set_value({platform::statusCode(response), said});
+        });
+    task->resume();
+    auto [status, page] = answer.get_future().get();  // the session has a time limit of its own
+    while (page.ends_with('\n')) page.pop_back();
+    printLine("    the page says: " + page);
+    require(status == 200, fmt::format("the page was answered with {}: {}", status, page));
+  }
+
+  void share() {
+    printLine("\nA share is submitted and clicked, and a refresh shows it.");
+    server_.stop();
+    server_.start();
+    const Dictionary submitted =
+        succeed({"share", "submit", "--data", R"({"gif":"g00001"})", "--url", "https://share.example.com/g00001"});
+    const std::string code = text(submitted, "referralCode");
+    const Dictionary entry = server_.lastRequest();
+    require(text(entry, "path") == "/shares" && text(entry, "id") == code, "the server has not given the code that was reported");
+    const auto posted = entry.objectForKey("data");
+    require(posted && posted->objectForKey("data") == Value(Dictionary{{"gif", "g00001"}}),
+            "the server does not hold the data that was submitted");
+    require(stateOf(code) == 0, "a new share is not in the state of one that was sent");
+    visit("https://" + server_.host() + "/s/" + code);
+    require(stateOf(code) == 1, "the share was clicked, but the refresh does not show it");
+    printLine("    the share was sent, and is clicked");
+  }
+
+  /// The state that a refresh brings.
+  std::int64_t stateOf(const std::string& code) {
+    const Dictionary report = succeed({"share", "refresh", code});
+    const auto shares = report.objectForKey("shares");
+    require(shares && shares->isArray() && shares->count() == 1, "the refresh did not bring the one share");
+    return shares->array()[0].objectForKey("state").value_or(Value(-1)).integerValue();
+  }
+
+  void patchAndMatch() {
+    printLine("\nWhat became known late is added to the session's start, and the match page takes the link that is opened.");
+    Events received;
+    chapter("session start", {"event", "session-started"}, kDelivered, received);
+    require(total(received) == 1, "the event did not arrive once");
+    succeed({"patch", R"({"link":"https://share.example.com/g00001"})"});
+    const auto patched = server_.lastRequest().objectForKey("patched");
+    const auto data = patched && patched->isObject() ? patched->objectForKey("eventData") : std::nullopt;
+    require(data && data->objectForKey("link") == Value("https://share.example.com/g00001"),
+            "the session's start on the server was not patched");
+
+    // It stands where the desktop's opener does, and only writes the link down: there may be no browser here.
+    const fs::path link = folder_ / "match-link";
+    const fs::path programs = folder_ / "programs";
+    fs::create_directory(programs);
+    writeFile(programs / "xdg-open", fmt::format("#!/bin/sh\nprintf %s \"$1\" > '{}'\n", link.string()));
+    fs::permissions(programs / "xdg-open", fs::perms::owner_all);
+    const char* path = std::getenv("PATH");
+    succeed({"cookie-match"}, {{"PATH", programs.string() + ":" + (path ? path : "/usr/bin:/bin")}});
+    visit(readFile(link));
+    const Dictionary match = server_.lastRequest();
+    require(text(match, "path") == "/cookie-match" && match.objectForKey("taken") == Value(true), "the server saw no match");
+    require(text(match, "app") == kApplication, "the match names another application");
+  }
+
+  void upload() {
+    printLine("\nA GIF goes up in the background: the application is killed half way, and hears of the end.");
+    server_.stop();
+    server_.start({"--gifs", (folder_ / "gifs").string(), "--read-rate", UploadDemo::kReadRate});
+    UploadDemo demo;
+    demo.programs = bin_;
+    demo.folder = folder_ / "";
+    demo.gifs = folder_ / "gifs";
+    demo.journal = server_.journal();
+    demo.application = folder_ / "device" / kApplication;
+    demo.options = commandOptions();
+    demo.environment = {{"SSL_CERT_FILE", server_.authority()}};
+    if (const auto failure = showUpload(demo)) throw DemoFailure{*failure};
+    server_.takeReceived();  // a GIF is no event
+  }
+
   /// Events of about a kilobyte, each different, more than the queue file's limit of 1 MiB holds.
   std::string largeInput() const {
     constexpr int kCount = 1400;
@@ -381,7 +505,7 @@ class Demo {
 }  // namespace
 
 int runDemo() {
-  // Only values and JSON are used in this process; the events are reported by its children.
+  // This process uses values and JSON, and looks at pages; the events are reported by its children.
   platform::Process::install(platform::makeSystemProcess({}));
   try {
     Demo demo;

@@ -10,7 +10,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -33,13 +35,18 @@ constexpr std::uint64_t kMaxWorkUnderWay = 1000;
 constexpr double kWriteBackLimit = 30;  // seconds
 
 // Trace lines of things that went well; every other line is a reason.
-constexpr auto kRoutine =
-    std::to_array<std::string_view>({"Events successfully sent to server", "Writing ", "Read ", "Loading events from file",
-                                     "No events on disk", "Couldn't find any events to send to server", "Adjusting local time",
-                                     "Re-submitting", "Got userId", "Got url Path", "Got matchQuality", "Truncating file on disk"});
+constexpr auto kRoutine = std::to_array<std::string_view>(
+    {"Events successfully sent to server", "Writing ", "Read ", "Loading events from file", "No events on disk",
+     "Couldn't find any events to send to server", "Adjusting local time", "Re-submitting", "Got userId", "Got url Path",
+     "Got matchQuality", "Truncating file on disk", "Got referral code", "Updating shares: ", "Patching previous session-started",
+     "HTTP Response: ", "Starting GIF upload: ", "Launching in background: ", "Background session completed"});
+
+// After it the trace has the whole code; the delegate is told its first part alone.
+constexpr std::string_view kReferralCodeLine = "Got referral code through gif upload: ";
 
 bool isRoutine(std::string_view line) {
   if (line.starts_with("Got ") && line.find("notification(s)") != std::string_view::npos) return true;
+  if (line.starts_with("Task ") && line.ends_with(" completed")) return true;
   return std::ranges::any_of(kRoutine, [&](std::string_view start) { return line.starts_with(start); });
 }
 
@@ -74,13 +81,26 @@ class Host::Delegate final : public KSVDelegate {
   Host& host_;
 };
 
-Host::Host(const Options& options) : options_(options) {
+platform::SystemOptions systemOptionsOf(const Options& options) {
   platform::SystemOptions system;
   system.bundleIdentifier = options.bundleId;
   system.homeDirectory = options.home;
-  std::unique_ptr<platform::Process> process = platform::makeSystemProcess(system);
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) return system;
+  // Of the options only those that name the application: outcomes are taken without a secret, and without a request.
+  system.launchCommand = {program.string()};
+  for (const auto& [name, value] : {std::pair("--bundle-id", options.bundleId), std::pair("--home", options.home)})
+    if (value) system.launchCommand.insert(system.launchCommand.end(), {name, *value});
+  system.launchCommand.emplace_back("handle-events");
+  return system;
+}
+
+Host::Host(const Options& options) : options_(options) {
+  std::unique_ptr<platform::Process> process = platform::makeSystemProcess(systemOptionsOf(options));
   process->queues = observe(process->queues, activity_);
   process->urlSession = observe(process->urlSession, activity_);
+  process->backgroundSessions = observe(process->backgroundSessions, uploads_);
   platform::Process::install(std::move(process));
 }
 
@@ -109,6 +129,11 @@ std::expected<void, std::string> Host::holdHome() {
 std::expected<void, std::string> Host::start() {
   if (auto held = holdHome(); !held) return held;
   if (const auto queue = inspectQueue()) waiting_ = queue->records;
+  startBesideOthers();
+  return {};
+}
+
+void Host::startBesideOthers() {
   watchTrace();
   Kestrova::Configuration configuration;
   configuration.secret = options_.secret;
@@ -118,14 +143,15 @@ std::expected<void, std::string> Host::start() {
   kestrova_ = Kestrova::start(std::move(configuration));
   delegate_ = std::make_shared<Delegate>(*this);
   kestrova_->setDelegate(delegate_);
-  return {};
 }
 
 void Host::watchTrace() {
   KSVDebugger::sharedDebugger()->setListener([this](std::string_view line) {
     if (options_.debug) (void)std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    if (traceListener_) traceListener_(line);
     const std::lock_guard lock(mutex_);
     if (line.starts_with("Re-submitting")) ++resubmissions_;
+    if (line.starts_with(kReferralCodeLine)) referralCode_ = line.substr(kReferralCodeLine.size());
     if (line.starts_with("Truncating file on disk")) ++reasons_["The queue file was over its limit and lost its oldest records"];
     if (!isRoutine(line)) ++reasons_[summary(line)];
   });
@@ -201,6 +227,29 @@ void Host::rememberFeatures() {
   defaults.setObjectForKey(platform::Value(disabled), kFeaturesDefault);
   // As text, because the server may have sent what user defaults do not take.
   defaults.setObjectForKey(reasons ? std::optional<platform::Value>(reasons->description()) : std::nullopt, kReasonsDefault);
+}
+
+bool Host::waitForOutcome() {
+  if (activity_->waitUntilAtMost(0, 0, options_.timeout)) return true;
+  activity_->cancelTasks();
+  activity_->waitUntilAtMost(0, UINT64_MAX, kWriteBackLimit, Activity::Interrupts::kIgnore);
+  return false;
+}
+
+Outcome Host::outcome() const {
+  Outcome outcome;
+  const Traffic traffic = activity_->traffic();
+  outcome.delivered = traffic.lastWasDelivered;
+  outcome.interrupted = activity_->interrupted();
+  const std::lock_guard lock(mutex_);
+  outcome.referralCode = referralCode_;
+  outcome.reasons = reasons_;
+  if (traffic.challenges > resubmissions_) {
+    outcome.reasons
+        ["The server refused the signature (401) and sent no time that could be trusted: check the secret and the application's "
+         "identifier"] = traffic.challenges - resubmissions_;
+  }
+  return outcome;
 }
 
 platform::Dictionary Host::directives() const {

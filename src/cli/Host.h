@@ -4,21 +4,31 @@
 #include <chrono>
 #include <cstdint>
 #include <expected>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "cli/Activity.h"
 #include "cli/Options.h"
 #include "cli/QueueInspection.h"
+#include "cli/UploadWatch.h"
 #include "companions/KSVDelegate.h"
 #include "companions/Kestrova.h"
+#include "platform/Process.h"
 #include "platform/Value.h"
 
+class KSVData;
+
 namespace cli {
+
+/// What the platform is made from: where the state lies, and how the transfer service launches this program.
+platform::SystemOptions systemOptionsOf(const Options& options);
 
 /// What became of the events of one run.
 struct Account {
@@ -34,6 +44,14 @@ struct Account {
   ExitStatus exitStatus(bool badInput) const;
 };
 
+/// What can be said of the outcome of anything but events.
+struct Outcome {
+  bool delivered = false;                        // the last request was answered with a status below 400
+  bool interrupted = false;                      // by a signal
+  std::optional<std::string> referralCode;       // of a share that was submitted
+  std::map<std::string, std::uint64_t> reasons;  // why something did not go well, and how often
+};
+
 class Host {
  public:
   /// Installs the real services. Must be the first thing that touches the platform.
@@ -45,6 +63,8 @@ class Host {
   /// Waits until no other command uses the same home, then starts the SDK: from here on events can be reported. What is wrong, when
   /// the home cannot be used or stays in use until the time is up.
   std::expected<void, std::string> start();
+  /// As start without the wait, for what leaves the events and their queue alone.
+  void startBesideOthers();
 
   void report(const std::string& event, std::optional<platform::Dictionary> data);
   /// Holds the caller back while much is under way; false when it is time to stop.
@@ -55,8 +75,18 @@ class Host {
   /// Sends until the queue file is empty or a send failed, then finishes.
   void flush();
 
+  /// What shares, patches and matches are asked of; after start.
+  KSVData& data() const { return *kestrova_->data(); }
+  /// Waits for the outcome of what was asked of data(); when the time is up or the user asks to stop, cancels every request. False
+  /// then.
+  bool waitForOutcome();
+  Outcome outcome() const;
+
   Account account() const;
   const std::shared_ptr<Activity>& activity() const { return activity_; }
+  const std::shared_ptr<UploadWatch>& uploads() const { return uploads_; }
+  /// Is told each line of the trace; before the start.
+  void setTraceListener(std::function<void(std::string_view line)> listener) { traceListener_ = std::move(listener); }
   std::uint64_t recorded() const { return recorded_; }
   /// What the server told the host in this run, by the directive's name.
   platform::Dictionary directives() const;
@@ -73,6 +103,8 @@ class Host {
 
   Options options_;
   std::shared_ptr<Activity> activity_ = std::make_shared<Activity>();
+  std::shared_ptr<UploadWatch> uploads_ = std::make_shared<UploadWatch>();
+  std::function<void(std::string_view line)> traceListener_;
   std::shared_ptr<Kestrova> kestrova_;
   std::shared_ptr<Delegate> delegate_;
   std::uint64_t recorded_ = 0;
@@ -84,6 +116,7 @@ class Host {
   mutable std::mutex mutex_;  // guards what the trace listener and the delegate write
   std::map<std::string, std::uint64_t> reasons_;
   std::uint64_t resubmissions_ = 0;
+  std::optional<std::string> referralCode_;
   platform::Dictionary directives_;
 };
 

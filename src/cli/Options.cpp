@@ -2,6 +2,8 @@
 #include "cli/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -34,6 +36,12 @@ std::string readSecretFile(const std::string& path) {
 
 bool isOn(const std::optional<std::string>& value) { return value && !value->empty() && *value != "0"; }
 
+bool needsServer(Command command) {
+  constexpr std::array kLocal{Command::kQueue,   Command::kStatus,        Command::kShareList,   Command::kDemo,
+                              Command::kUploads, Command::kUploadsCancel, Command::kHandleEvents};
+  return std::ranges::find(kLocal, command) == kLocal.end();
+}
+
 void requireForSending(const Options& options) {
   if (!options.apiHost) throw CLI::RequiredError("--api-host (or KESTROVA_API_HOST)");
   if (!options.secret) throw CLI::RequiredError("--secret-file (or KESTROVA_SECRET)");
@@ -51,13 +59,51 @@ void requireHost(const std::string& host) {
   }
 }
 
+CLI::App* addCommand(CLI::App& parent, const char* name, const char* description, Options& options, Command command) {
+  CLI::App* subcommand = parent.add_subcommand(name, description);
+  subcommand->fallthrough();
+  subcommand->callback([&options, command] { options.command = command; });
+  return subcommand;
+}
+
+void addShareCommands(CLI::App& app, Options& options) {
+  CLI::App* share = app.add_subcommand("share", "submit shares, refresh them, list them");
+  share->fallthrough();
+  share->require_subcommand(1);
+  CLI::App* submit = addCommand(*share, "submit", "submit a share and tell its referral code", options, Command::kShareSubmit);
+  submit->add_option("--data", options.jsonData, "the share's data, a JSON object")->required();
+  submit->add_option("--url", options.shareURL, "the share's address");
+  CLI::App* refresh =
+      addCommand(*share, "refresh", "ask the server for the current form of shares", options, Command::kShareRefresh);
+  refresh->add_option("REFERRAL-CODE", options.referralCodes, "the codes of the shares")->required();
+  addCommand(*share, "list", "show the shares that this command has submitted or asked for", options, Command::kShareList);
+}
+
+void addUploadCommands(CLI::App& app, Options& options) {
+  CLI::App* upload = addCommand(app, "upload", "upload a GIF for a share, in the background", options, Command::kUpload);
+  upload->add_option("FILE", options.uploadFile, "the GIF; it may be deleted once the command has ended")->required();
+  upload->add_option("--share-id", options.shareId, "the share's identifier on the server")->required();
+  upload->add_option("--user-id", options.userId, "the identifier of the user who shared it");
+  upload->add_flag("--wait", options.wait, "wait for the outcome, for as long as --timeout says");
+
+  CLI::App* uploads = app.add_subcommand("uploads", "list uploads: what the transfer service has, and the outcomes known here");
+  uploads->fallthrough();
+  uploads->require_subcommand(0, 1);
+  // A parent's callback runs after that of its subcommand.
+  uploads->callback([&options, uploads] {
+    if (uploads->get_subcommands().empty()) options.command = Command::kUploads;
+  });
+  CLI::App* cancel = addCommand(*uploads, "cancel", "end an upload that has not ended", options, Command::kUploadsCancel);
+  cancel->add_option("ID", options.uploadSession, "the upload's session, as uploads lists it")->required();
+
+  // For the transfer service alone, which launches the command with it.
+  addCommand(app, "handle-events", "take the outcome of uploads that ended meanwhile", options, Command::kHandleEvents)->group("");
+}
+
 void addCommands(CLI::App& app, Options& options) {
   app.require_subcommand(1);
   const auto add = [&](const char* name, const char* description, Command command) {
-    CLI::App* subcommand = app.add_subcommand(name, description);
-    subcommand->fallthrough();
-    subcommand->callback([&options, command] { options.command = command; });
-    return subcommand;
+    return addCommand(app, name, description, options, command);
   };
 
   CLI::App* event = add("event", "report one event and send it", Command::kEvent);
@@ -69,6 +115,11 @@ void addCommands(CLI::App& app, Options& options) {
   add("flush", "send what waits on disk", Command::kFlush);
   add("queue", "show what waits on disk", Command::kQueue);
   add("status", "show identity, clock correction, paths and switched-off features", Command::kStatus);
+  addShareCommands(app, options);
+  CLI::App* patch = add("patch", "add data to the session-started event that the server holds", Command::kPatch);
+  patch->add_option("JSON", options.jsonData, "what to add, a JSON object")->required();
+  add("cookie-match", "have the system's browser match this device", Command::kCookieMatch);
+  addUploadCommands(app, options);
   add("demo", "show the whole road of an event against a development server of its own", Command::kDemo);
 }
 
@@ -77,7 +128,9 @@ constexpr const char* kFooter =
 KESTROVA_DEBUG=1 stand for the options of those names. SSL_CERT_FILE names trust anchors to use instead of the system's.
 
 Exit status: 0 everything delivered, 1 the command itself failed, 2 bad usage or bad input, 3 something kept for later, 4 something lost
-(4 before 3 before 2). A batch whose signature the server refuses is lost.
+(4 before 3 before 2). A batch whose signature the server refuses is lost. Shares and patches are not kept: what does not arrive is lost.
+An upload that goes on without the command is kept; one that failed, or that the server refused, is lost.
+A refresh without an answer and a match that did not complete end with 1, a refresh with codes that the server does not know with 2.
 
 Events leave ten at a time, at a session start, and when the input ends. One home is used by one command at a time; others wait.
 
@@ -85,6 +138,9 @@ Examples:
   export SSL_CERT_FILE=$HOME/.local/state/kestrova-devserver/ca.pem      # trusts the development server
   kestrova --api-host localhost:8443 --bundle-id com.example.app --secret-file secret event opened --data '{"screen": "home"}'
   kestrova events events.jsonl --json
+  kestrova share submit --data '{"gif": "g169a7"}' --url https://share.example.com/ab
+  kestrova share refresh YxTqP2ma9BcDeFgHiJ
+  kestrova upload cat.gif --share-id BcDeFgHiJ --wait
   kestrova queue)";
 
 }  // namespace
@@ -115,9 +171,7 @@ ParseResult parseOptions(int argc, char** argv) {
   try {
     app.parse(argc, argv);
     if (secretFile) options.secret = readSecretFile(*secretFile);
-    if (options.command == Command::kEvent || options.command == Command::kEvents || options.command == Command::kFlush) {
-      requireForSending(options);
-    }
+    if (needsServer(options.command)) requireForSending(options);
     if (options.apiHost) requireHost(*options.apiHost);
   } catch (const CLI::RequiredError& error) {
     // What was taken for no option and no command says more than that a command is missing.

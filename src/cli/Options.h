@@ -3,13 +3,30 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace cli {
 
 /// Exit statuses; the first that applies of lost, kept, bad input and delivered.
 enum ExitStatus : int { kDelivered = 0, kFailed = 1, kBadInput = 2, kKept = 3, kLost = 4 };
 
-enum class Command { kEvent, kEvents, kFlush, kQueue, kStatus, kDemo };
+enum class Command {
+  kEvent,
+  kEvents,
+  kFlush,
+  kQueue,
+  kStatus,
+  kShareSubmit,
+  kShareRefresh,
+  kShareList,
+  kPatch,
+  kCookieMatch,
+  kUpload,
+  kUploads,
+  kUploadsCancel,
+  kHandleEvents,
+  kDemo
+};
 
 struct Options {
   Command command = Command::kStatus;
@@ -26,6 +43,16 @@ struct Options {
   std::string eventName;                 // event
   std::optional<std::string> eventData;  // event: a JSON object
   std::string inputFile;                 // events: a path, or - for standard input
+
+  std::string jsonData;                    // share submit, patch: a JSON object
+  std::optional<std::string> shareURL;     // share submit
+  std::vector<std::string> referralCodes;  // share refresh
+
+  std::string uploadFile;             // upload
+  std::string shareId;                // upload
+  std::optional<std::string> userId;  // upload
+  bool wait = false;                  // upload
+  std::string uploadSession;          // uploads cancel
 };
 
 /// Reads arguments and environment. Either the options, or the status to exit with at once: 0 after --help, 2 after a message about

@@ -21,8 +21,6 @@ platform::Value textOrNull(const std::optional<std::string>& text) { return text
 
 platform::Dictionary accountObject(const Account& account, const std::vector<BadLine>& badLines,
                                    const platform::Dictionary& directives) {
-  platform::Dictionary reasons;
-  for (const auto& [reason, count] : account.reasons) reasons.setObjectForKey(platform::Value(count), reason);
   platform::Array lines;
   for (const BadLine& line : badLines)
     lines.addObject(platform::Value(platform::Dictionary{{"line", line.number}, {"reason", line.reason}}));
@@ -33,12 +31,18 @@ platform::Dictionary accountObject(const Account& account, const std::vector<Bad
           {"lost", account.lost},
           {"interrupted", account.interrupted},
           {"inputUnread", account.inputUnread},
-          {"reasons", reasons},
+          {"reasons", reasonsObject(account.reasons)},
           {"badLines", lines},
           {"directives", directives}};
 }
 
 }  // namespace
+
+platform::Dictionary reasonsObject(const std::map<std::string, std::uint64_t>& reasons) {
+  platform::Dictionary object;
+  for (const auto& [reason, count] : reasons) object.setObjectForKey(platform::Value(count), reason);
+  return object;
+}
 
 // With the C library: what cannot be written is no reason to end here; main looks at standard output once more.
 void printLine(const std::string& line) { (void)std::fprintf(stdout, "%s\n", line.c_str()); }
@@ -53,6 +57,11 @@ std::string counted(std::uint64_t count, const std::string& noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
+void printReasons(const std::map<std::string, std::uint64_t>& reasons) {
+  for (const auto& [reason, count] : reasons)
+    printLine(fmt::format("  {}{}", reason, count > 1 ? fmt::format(" ({} times)", count) : ""));
+}
+
 void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json) {
   if (json) {
     printJSON(accountObject(account, badLines, directives));
@@ -65,8 +74,7 @@ void printAccount(const Account& account, const std::vector<BadLine>& badLines, 
   if (account.waiting > 0) waiting = fmt::format(" and {} from earlier runs", account.waiting);
   printLine(fmt::format("{} recorded{}: {} delivered, {} kept on disk, {} lost.", counted(account.recorded, "event"), waiting,
                         account.delivered, account.kept, account.lost));
-  for (const auto& [reason, count] : account.reasons)
-    printLine(fmt::format("  {}{}", reason, count > 1 ? fmt::format(" ({} times)", count) : ""));
+  printReasons(account.reasons);
   for (const auto& [name, value] : directives)
     printLine(fmt::format("  The server said {} = {}", name.view(), value.description()));
   if (account.kept > 0) printLine("What was kept goes out with the next events, or with `kestrova flush`.");

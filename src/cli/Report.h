@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,10 @@ struct BadLine {
 
 /// The account of a run that sent something: on standard output, as sentences or as one JSON object.
 void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json);
+/// A line for each reason, with how often it was there.
+void printReasons(const std::map<std::string, std::uint64_t>& reasons);
+/// The reasons as a JSON object, each with how often it was there.
+platform::Dictionary reasonsObject(const std::map<std::string, std::uint64_t>& reasons);
 void printQueue(const QueueContent& queue, bool json);
 
 /// A line on standard output.

@@ -21,6 +21,24 @@ int run(const cli::Options& options) {
       return cli::runQueue(options);
     case cli::Command::kStatus:
       return cli::runStatus(options);
+    case cli::Command::kShareSubmit:
+      return cli::runShareSubmit(options);
+    case cli::Command::kShareRefresh:
+      return cli::runShareRefresh(options);
+    case cli::Command::kShareList:
+      return cli::runShareList(options);
+    case cli::Command::kPatch:
+      return cli::runPatch(options);
+    case cli::Command::kCookieMatch:
+      return cli::runCookieMatch(options);
+    case cli::Command::kUpload:
+      return cli::runUpload(options);
+    case cli::Command::kUploads:
+      return cli::runUploads(options);
+    case cli::Command::kUploadsCancel:
+      return cli::runUploadsCancel(options);
+    case cli::Command::kHandleEvents:
+      return cli::runHandleEvents(options);
     case cli::Command::kDemo:
       return cli::runDemo();
   }

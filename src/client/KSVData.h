@@ -14,6 +14,8 @@
 
 #include "companions/KSVDelegate.h"
 #include "companions/KSVHawkAuth.h"
+#include "companions/KSVShare.h"
+#include "platform/BackgroundURLSession.h"
 #include "platform/Data.h"
 #include "platform/Date.h"
 #include "platform/DispatchQueue.h"
@@ -26,9 +28,13 @@
 #include "platform/URLResponse.h"
 #include "platform/Value.h"
 
-class KSVData : public std::enable_shared_from_this<KSVData> {
+using KSVShares = std::vector<std::shared_ptr<const KSVShare>>;
+using KSVShareUpdateCallback = std::function<void(const KSVShares& updatedShares)>;
+
+class KSVData final : public platform::URLSessionDelegate, public std::enable_shared_from_this<KSVData> {
  public:
   using CompletionHandler = std::function<void()>;
+  using CookieMatchCompletion = std::function<void(bool didComplete)>;
 
   /// The only constructor. A missing secret is kept as missing: nothing can be signed then. Makes the serial queue, takes the
   /// application's and the device's identifiers, begins the first session, and queues the sweep of old upload files. Sends nothing.
@@ -52,6 +58,39 @@ class KSVData : public std::enable_shared_from_this<KSVData> {
 
   /// Starts a send of what waits on disk (a bounded share) and in memory. Returns at once; any thread.
   void sendEventQueueToServer();
+
+  /// Registers a share with the server: at most two posts, no result, no later try. An absent share raises
+  /// NSInvalidArgumentException. The share must not change until the outcome is there. Returns at once; any thread.
+  void submitShare(std::shared_ptr<const KSVShare> share);
+  /// Asks the server for the current form of the shares whose referral code has a user identifier, and gives the callback fresh
+  /// ones, in the server's order; none on any failure. The callback runs once, on the URL session's completion queue, and not at
+  /// all when there is nothing to ask for. An absent callback ends the process when its turn comes. Returns at once; any thread.
+  void updateSharesFromServerWithCallback(const std::optional<KSVShares>& sharesToBeUpdated, KSVShareUpdateCallback callback);
+
+  /// Sends data that became known only after a session had started, for the server to add to the session-started event. Tried once.
+  /// Returns at once; any thread.
+  void patchPreviousSessionStarted(const std::optional<platform::Dictionary>& eventData);
+  /// Has KSVCookieMatch match this device with the browser's cookie; the handler is called where and as often as that service does.
+  /// An absent handler ends the process then. Returns at once; any thread.
+  void tryCookieMatchWithCompletion(CookieMatchCompletion completionBlock);
+
+  /// Uploads a GIF file for a share through a background session of its own, which goes on when this process is gone. The file is
+  /// hard linked and the upload made durable before this returns: the host may delete its file then. The outcome goes to the debug
+  /// trace. An absent share is sent as what the platform prints for it. Any thread; touches the disk.
+  void uploadGIFForShare(const std::optional<platform::URL>& gifUrl, const std::shared_ptr<const KSVShare>& share);
+  /// To be called by a program that was launched for the events of a background session: ties the session to this client again and
+  /// keeps the handler, in the place of an earlier one, until a session ends. Any thread.
+  void handleEventsForBackgroundURLSessionCompletionHandler(const std::string& identifier, CompletionHandler completionHandler);
+
+  // Events of background sessions, on their delegate queues; called by the platform.
+  void URLSessionTaskDidCompleteWithError(const platform::BackgroundURLSessionRef& session, const platform::URLSessionTaskRef& task,
+                                          const std::optional<platform::Error>& error) override;
+  void URLSessionDidBecomeInvalidWithError(const platform::BackgroundURLSessionRef& session,
+                                           const std::optional<platform::Error>& error) override;
+  void URLSessionDidFinishEventsForBackgroundURLSession(const platform::BackgroundURLSessionRef& session) override;
+  void URLSessionDownloadTaskDidFinishDownloadingToURL(const platform::BackgroundURLSessionRef& session,
+                                                       const platform::URLSessionTaskRef& downloadTask,
+                                                       const platform::URL& location) override;
 
  private:
   friend struct KSVDataInspector;
@@ -108,6 +147,28 @@ class KSVData : public std::enable_shared_from_this<KSVData> {
   // Server directives (api/): what the answer tells the delegate and the feature switchboard.
   void interpretResponseData(const platform::Value& responseData);
   void registerNotifications(const platform::Value& notifications) const;
+
+  // Share submission (shares/): at most two posts.
+  void submitShareAttemptNumber(std::shared_ptr<const KSVShare> share, std::int32_t attemptNumber);
+  void handleShareOutcome(std::shared_ptr<const KSVShare> share, std::int32_t attemptNumber,
+                          const std::optional<platform::Data>& data, const platform::HTTPURLResponseRef& response,
+                          const std::optional<platform::Error>& error);
+  void handleSubmitShareResponse(const std::optional<platform::Data>& response) const;
+
+  // GIF upload (upload/): one session, one hard link and one signature for each.
+  void uploadGIFForShareWithSessionConfiguration(const std::optional<platform::URL>& gifUrl,
+                                                 const std::shared_ptr<const KSVShare>& share,
+                                                 const platform::URLSessionConfiguration& sessionConfiguration);
+  platform::URLRequest buildUploadRequestForShare(const std::shared_ptr<const KSVShare>& share);
+  std::optional<platform::URL> createUploadHardLinkForSessionConfiguration(const platform::URL& sourceFile,
+                                                                           const platform::URLSessionConfiguration& configuration);
+  std::optional<platform::URL> uploadFileForSessionConfiguration(const platform::URLSessionConfiguration& configuration);
+
+  // Background sessions (upload/): their end, the relaunch, the indicator.
+  void endBackgroundSession(const platform::BackgroundURLSessionRef& session);
+  static void resumeTaskInSession(const platform::BackgroundURLSessionRef& session);
+  static void startNetworkActivitySpinner();
+  static void removeNetworkActivitySpinner();
 
   // Limits. The integers never change after start-up.
   std::int32_t newEventsInMemory = 0;          // records in memory at which a send starts

@@ -29,15 +29,6 @@ void KSVData::startWithSecret(std::optional<std::string> secret) {
   deleteOldUploadFiles();
 }
 
-KSVData::CompletionHandler KSVData::backgroundCompletionHandler() const {
-  const auto handler = backgroundCompletionHandler_.load();
-  return handler ? *handler : CompletionHandler();
-}
-
-void KSVData::setBackgroundCompletionHandler(CompletionHandler handler) {
-  backgroundCompletionHandler_.store(handler ? std::make_shared<const CompletionHandler>(std::move(handler)) : nullptr);
-}
-
 std::optional<platform::URL> KSVData::uploadDirectory() { return KSVUtils::createDirectoryInApplicationSupport("uploads"); }
 
 void KSVData::deleteOldUploadFiles() {

@@ -1,4 +1,5 @@
-// The Hawk scheme, client side: normalised request string, payload hash, Authorization header and the server's time challenge.
+// The Hawk scheme, client side: normalised request string, payload hash, Authorization header, signed links and the server's time
+// challenge.
 #include "companions/KSVHawkAuth.h"
 
 #include <algorithm>
@@ -99,11 +100,16 @@ void appendEscaped(std::string& text, std::string_view raw, char special, std::s
   text.append(raw);
 }
 
+// What is signed: the kind is the first line of the normalised string.
+constexpr std::string_view kHeader = "hawk.1.header";
+constexpr std::string_view kBewit = "hawk.1.bewit";
+
 // The normalised request string. `timestamp` and `hash` are the very texts of the header.
-std::string normalisedRequest(const KSVHawkAuth& request, std::string_view timestamp, std::string_view hash) {
+std::string normalisedRequest(std::string_view kind, const KSVHawkAuth& request, std::string_view timestamp,
+                              std::string_view hash) {
   std::string text;
   text.reserve(128 + request.requestUri().size() + request.host().size() + hash.size());
-  appendLine(text, "hawk.1.header");
+  appendLine(text, kind);
   appendLine(text, timestamp);
   appendLine(text, request.nonce());
   appendLine(text, mapped<upper>(request.method()));
@@ -126,12 +132,12 @@ struct Signature {
   std::string mac;
 };
 
-std::optional<Signature> sign(const KSVHawkAuth& request) {
+std::optional<Signature> sign(std::string_view kind, const KSVHawkAuth& request) {
   if (!hasKey(request.credentials().get())) return std::nullopt;
   std::optional<std::string> hash = request.payload() ? request.digest() : std::string();
   if (!hash) return std::nullopt;
   std::string timestamp = timestampText(request.timestamp());
-  std::optional<std::string> mac = base64Mac(request.credentials().get(), {normalisedRequest(request, timestamp, *hash)});
+  std::optional<std::string> mac = base64Mac(request.credentials().get(), {normalisedRequest(kind, request, timestamp, *hash)});
   if (!mac) return std::nullopt;
   return Signature{std::move(timestamp), *std::move(hash), *std::move(mac)};
 }
@@ -147,6 +153,15 @@ bool canStandInHeader(const KSVHawkAuth& request) {
 // `opening` is everything between two values: `", ts="`.
 void appendAttribute(std::string& header, std::string_view opening, std::string_view value) {
   header.append(opening).append(value);
+}
+
+// Base64 in the alphabet that URLs carry, without the filling at its end.
+std::string unpaddedBase64URL(std::string_view bytes) {
+  std::string text = platform::Data(bytes).base64EncodedString();
+  text.resize(text.find_last_not_of('=') + 1);
+  std::ranges::replace(text, '+', '-');
+  std::ranges::replace(text, '/', '_');
+  return text;
 }
 
 // --- Reading a challenge.
@@ -224,13 +239,13 @@ std::optional<std::string> KSVHawkAuth::digest() const {
 }
 
 std::optional<std::string> KSVHawkAuth::hmac() const {
-  std::optional<Signature> signature = sign(*this);
+  std::optional<Signature> signature = sign(kHeader, *this);
   return signature ? std::optional(std::move(signature->mac)) : std::nullopt;
 }
 
 std::optional<std::string> KSVHawkAuth::requestHeader() const {
   if (!hasKey(credentials_.get()) || !canStandInHeader(*this)) return std::nullopt;
-  const std::optional<Signature> signature = sign(*this);
+  const std::optional<Signature> signature = sign(kHeader, *this);
   if (!signature) return std::nullopt;
   std::string header;
   header.reserve(256);
@@ -249,6 +264,26 @@ std::optional<std::string> KSVHawkAuth::requestHeader() const {
   }
   header.push_back('"');
   return header;
+}
+
+std::optional<std::string> KSVHawkAuth::bewit() const {
+  // The parts are joined by backslashes, which none of them may hold.
+  if (!hasKey(credentials_.get()) || !isAttributeValue(textOf(credentials_->hawkId()))) return std::nullopt;
+  if (!std::ranges::all_of(textOf(ext_), isAttributeCharacter)) return std::nullopt;
+  KSVHawkAuth link;
+  link.credentials_ = credentials_;
+  link.method_ = "GET";
+  link.requestUri_ = requestUri_;
+  link.host_ = host_;
+  link.port_ = port_;
+  link.timestamp_ = timestamp_;
+  link.ext_ = ext_;
+  const std::optional<Signature> signature = sign(kBewit, link);
+  if (!signature) return std::nullopt;
+  std::string parts = *credentials_->hawkId();
+  for (const std::string_view part : {std::string_view(signature->timestamp), std::string_view(signature->mac), textOf(ext_)})
+    parts.append("\\").append(part);
+  return unpaddedBase64URL(parts);
 }
 
 std::optional<platform::Date> KSVHawkAuth::getTimestampSkew(std::string_view wwwAuthenticateHeader) const {

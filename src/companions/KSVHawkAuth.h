@@ -1,4 +1,4 @@
-// A signer for one request of the Hawk HTTP authentication scheme, version 1 (github.com/mozilla/hawk, API.md).
+// A signer for one request, or one link, of the Hawk HTTP authentication scheme, version 1 (github.com/mozilla/hawk, API.md).
 #pragma once
 
 #include <cstdint>
@@ -50,6 +50,12 @@ class KSVHawkAuth {
   /// The complete value of "Authorization". Absent when there is no key, when id or nonce is absent, empty or holds a character
   /// that the header cannot carry, or when ext (or app or dlg) holds a control or non-ASCII character.
   std::optional<std::string> requestHeader() const;
+
+  /// The value of the query parameter `bewit` that signs a link, for a GET that somebody else makes: of requestUri, host, port and
+  /// ext, with timestamp as the time at which the link dies. The parameter goes last into the query. It holds no secret, and no
+  /// character that a query would have to escape. Absent when there is no key, or when id or ext holds a character that a header
+  /// could not carry either, or the id is empty.
+  std::optional<std::string> bewit() const;
 
   /// The server's time in a "www-authenticate" challenge. Absent unless it is one well-formed Hawk challenge whose ts is plain
   /// decimal digits between 1 and 253402300799 and whose tsm is this key's MAC over it (compared in constant time).

@@ -66,12 +66,14 @@ std::shared_ptr<Kestrova> Kestrova::start(Configuration configuration) {
   if (std::shared_ptr<Kestrova> facade = started->facade.load()) return facade;
 
   if (configuration.mainExecutor) process.queues->setMainExecutor(std::move(configuration.mainExecutor));
+  if (configuration.browserOpener) process.browserOpener = std::move(configuration.browserOpener);
   fillConstants(process.constants, configuration, std::move(host));
   if (configuration.debug) process.debug.store(true, std::memory_order_relaxed);
   auto facade = std::make_shared<Kestrova>();
   facade->data_ = KSVData::initWithSecret(std::move(configuration.secret));
   if (facade->data_) facade->data_->setDelegate(facade);
   started->facade.store(facade);
+  if (process.backgroundSessions) process.backgroundSessions->goOnWithInterruptedTransfers();
   return facade;
 }
 
@@ -86,6 +88,11 @@ ExternalConstants Kestrova::defaultConstants() {
 std::shared_ptr<Kestrova> Kestrova::shared() {
   Process* process = Process::currentOrNull();
   return process ? process->sharedInstance<Started>()->facade.load() : nullptr;
+}
+
+std::optional<std::string> Kestrova::sessionOfLaunch() {
+  const Process* process = Process::currentOrNull();
+  return process && process->backgroundSessions ? process->backgroundSessions->identifierOfLaunch() : std::nullopt;
 }
 
 bool Kestrova::debug() {

@@ -30,6 +30,8 @@ class Kestrova final : public KSVDelegate, public std::enable_shared_from_this<K
     bool debug = false;
     /// Runs the main queue's blocks instead of a thread of the SDK's own.
     platform::DispatchQueues::Executor mainExecutor;
+    /// Opens the cookie match in place of the system's browser; kept for the life of the process.
+    std::shared_ptr<platform::BrowserOpener> browserOpener;
   };
 
   /// Installs the real services where no record is installed yet, fills the constants, and makes the one KSVData. Later calls
@@ -41,6 +43,10 @@ class Kestrova final : public KSVDelegate, public std::enable_shared_from_this<K
   static platform::ExternalConstants defaultConstants();
   /// The started facade, or null.
   static std::shared_ptr<Kestrova> shared();
+
+  /// The background session for whose events this process was launched, for the client's handleEventsForBackgroundURLSession...;
+  /// absent when it was started otherwise, and before the start.
+  static std::optional<std::string> sessionOfLaunch();
 
   /// The debug flag of the process: whether messages are formatted and stored in the trace. False before the start; setting it then
   /// raises NSInternalInconsistencyException.

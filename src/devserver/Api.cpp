@@ -1,12 +1,9 @@
 // Routes, verification in two steps, the answers, and what the journal says.
 #include "devserver/Api.h"
 
-#include <openssl/evp.h>
-#include <openssl/rand.h>
-#include <openssl/sha.h>
-
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <stdexcept>
 #include <utility>
 
@@ -20,46 +17,32 @@ using platform::Dictionary;
 using platform::Value;
 
 constexpr std::uint64_t kMaxBehaviourBody = 1024ULL * 1024;
-constexpr std::size_t kUserIdLength = 8;
-constexpr std::size_t kShareIdLength = 10;
-constexpr std::string_view kLettersAndDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+/// Where the links of shares lead; the share's code follows.
+constexpr std::string_view kShareLinks = "/s/";
 
 Answer jsonAnswer(int status, const Value& body) { return {status, {{"Content-Type", "application/json"}}, writeJson(body)}; }
 Answer textAnswer(int status, std::string body) {
   return {status, {{"Content-Type", "text/plain; charset=utf-8"}}, std::move(body)};
 }
 
-/// Letters and digits that follow from the bytes. (The bias of the remainder matters to nobody here.)
-std::string lettersAndDigits(const unsigned char* bytes, std::size_t count) {
-  std::string text;
-  for (std::size_t at = 0; at < count; ++at) text += kLettersAndDigits[bytes[at] % kLettersAndDigits.size()];
-  return text;
-}
-
-/// The same device of the same application is always the same user.
-std::string userIdOf(std::string_view app, std::string_view device) {
-  const std::string text = std::string(app) + "\n" + std::string(device);
-  std::array<unsigned char, SHA256_DIGEST_LENGTH> hash{};
-  SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), hash.data());
-  return lettersAndDigits(hash.data(), kUserIdLength);
-}
-
-std::string newShareId() {
-  std::array<unsigned char, kShareIdLength> bytes{};
-  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) throw std::runtime_error("OpenSSL has no random bytes");
-  return lettersAndDigits(bytes.data(), bytes.size());
-}
-
-std::string hexOf(const unsigned char* bytes, std::size_t count) {
-  std::string text;
-  for (std::size_t at = 0; at < count; ++at) text += {"0123456789abcdef"[bytes[at] >> 4], "0123456789abcdef"[bytes[at] & 15]};
-  return text;
-}
-
 /// True for a Host header field that names this machine: a page elsewhere whose name leads here does not.
 bool isLoopbackHost(std::string_view host) {
   const std::string_view name = host.starts_with('[') ? host.substr(0, host.find(']') + 1) : host.substr(0, host.find(':'));
   return name == "localhost" || name == "127.0.0.1" || name == "[::1]";
+}
+
+/// A query's value with its escapes undone; what is no escape stays as it is.
+std::string percentDecoded(std::string_view text) {
+  std::string decoded;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    unsigned byte = 0;
+    const std::string_view digits = text.substr(std::min(at + 1, text.size()), 2);
+    const bool isEscape =
+        text[at] == '%' && digits.size() == 2 && std::from_chars(digits.begin(), digits.end(), byte, 16).ptr == digits.end();
+    decoded += isEscape ? static_cast<char>(byte) : text[at];
+    if (isEscape) at += 2;
+  }
+  return decoded;
 }
 
 /// What is wrong with an event record; empty when nothing is.
@@ -76,30 +59,6 @@ std::string faultOf(const Value& record) {
 
 }  // namespace
 
-/// The size and hash of a GIF that is not kept.
-class Exchange::GifDigest {
- public:
-  GifDigest() : context_(EVP_MD_CTX_new()) {
-    if (!context_ || EVP_DigestInit_ex2(context_, EVP_sha256(), nullptr) != 1) throw std::runtime_error("OpenSSL has no SHA-256");
-  }
-  ~GifDigest() { EVP_MD_CTX_free(context_); }
-  GifDigest(const GifDigest&) = delete;
-  GifDigest& operator=(const GifDigest&) = delete;
-
-  void add(std::string_view piece) {
-    if (EVP_DigestUpdate(context_, piece.data(), piece.size()) != 1) throw std::runtime_error("OpenSSL cannot hash");
-  }
-  std::string hex() {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
-    unsigned length = 0;
-    if (EVP_DigestFinal_ex(context_, hash.data(), &length) != 1) throw std::runtime_error("OpenSSL cannot hash");
-    return hexOf(hash.data(), length);
-  }
-
- private:
-  EVP_MD_CTX* context_;
-};
-
 std::optional<std::string> RequestHead::parameter(std::string_view name) const {
   std::string_view rest = std::string_view(target).substr(path().size());
   while (!rest.empty()) {
@@ -112,11 +71,23 @@ std::optional<std::string> RequestHead::parameter(std::string_view name) const {
   return std::nullopt;
 }
 
+std::string RequestHead::shownTarget() const {
+  constexpr std::string_view kName = "bewit=";
+  std::string shown = target;
+  for (auto at = shown.find(kName); at != std::string::npos; at = shown.find(kName, at + 1)) {
+    const auto value = at + kName.size();
+    shown.replace(value, std::min(shown.find('&', value), shown.size()) - value, "-");
+  }
+  return shown;
+}
+
 // --- What all connections share.
 
-Api::Api(HawkVerifier::Keys keys, Journal& journal, std::filesystem::path authorityFile, Now now)
+Api::Api(HawkVerifier::Keys keys, Journal& journal, Gifs& gifs, Uploads uploads, std::filesystem::path authorityFile, Now now)
     : verifier_(keys),
       journal_(journal),
+      gifs_(gifs),
+      uploads_(uploads),
       authorityFile_(std::move(authorityFile)),
       applications_([&keys] {
         std::vector<std::string> ids;
@@ -124,25 +95,6 @@ Api::Api(HawkVerifier::Keys keys, Journal& journal, std::filesystem::path author
         return ids;
       }()),
       now_(std::move(now)) {}
-
-std::string Api::submitShare(std::string_view app, std::string_view device, Dictionary share) {
-  std::lock_guard lock(mutex_);
-  std::string code = userIdOf(app, device) + newShareId();
-  share.setObjectForKey(Value(code), "id");
-  shares_.insert_or_assign(code, std::move(share));
-  return code;
-}
-
-Array Api::findShares(std::string_view ids) {
-  std::lock_guard lock(mutex_);
-  Array found;
-  while (!ids.empty()) {
-    const std::string_view id = ids.substr(0, ids.find(','));
-    ids.remove_prefix(std::min(ids.size(), id.size() + 1));
-    if (const auto share = shares_.find(id); share != shares_.end()) found.addObject(Value(share->second));
-  }
-  return found;
-}
 
 std::string Api::page() const {
   std::string text = "kestrova-devserver\n\nTrust this certificate authority: " + authorityFile_.string() + "\n\nApplications:\n";
@@ -152,13 +104,18 @@ std::string Api::page() const {
           "  POST /events                          signed\n"
           "  POST /shares                          signed\n"
           "  GET  /shares?ids=ID,...               not signed\n"
+          "  GET  /s/ID                            a share's link: it was clicked\n"
           "  POST /patch-previous-session-started  signed\n"
+          "  GET  /cookie-match                    a signed link\n"
           "  POST /gifs?shareId=ID                 signed, header only\n"
           "\nThis server:\n"
           "  GET  /dev/records                     what came in since it started\n"
           "  GET  /dev/behaviour                   how it misbehaves\n"
           "  POST /dev/behaviour                   change that\n"
-          "  DELETE /dev/behaviour                 behave\n";
+          "  DELETE /dev/behaviour                 behave\n"
+          "  GET  /dev/shares                      the shares it keeps\n"
+          "  POST /dev/shares                      move their states on\n"
+          "  GET  /dev/sessions                    the newest session-started event of each device\n";
   return text;
 }
 
@@ -173,6 +130,8 @@ Exchange::Exchange(Api& api, RequestHead head) : api_(api), head_(std::move(head
     refuse(403, "For programs on this machine only");
   else if (hasTextBody() || route_ == Route::kGif)
     verifyHeader();
+  else if (route_ == Route::kCookieMatch)
+    verifyLink();
 }
 
 Exchange::~Exchange() = default;
@@ -189,15 +148,20 @@ void Exchange::route() {
       Entry{"/dev/behaviour", "GET", Route::kBehaviour},
       Entry{"/dev/behaviour", "POST", Route::kBehaviour},
       Entry{"/dev/behaviour", "DELETE", Route::kBehaviour},
+      Entry{"/dev/shares", "GET", Route::kShareStates},
+      Entry{"/dev/shares", "POST", Route::kShareStates},
+      Entry{"/dev/sessions", "GET", Route::kSessions},
       Entry{"/events", "POST", Route::kEvents},
       Entry{"/shares", "POST", Route::kSubmitShare},
       Entry{"/shares", "GET", Route::kFindShares},
+      Entry{kShareLinks, "GET", Route::kShareLink},
+      Entry{"/cookie-match", "GET", Route::kCookieMatch},
       Entry{"/patch-previous-session-started", "POST", Route::kPatch},
       Entry{"/gifs", "POST", Route::kGif},
   };
   std::string allowed;
   for (const Entry& entry : kEntries) {
-    if (entry.path != head_.path()) continue;
+    if (entry.path != head_.path() && !(entry.path == kShareLinks && head_.path().starts_with(kShareLinks))) continue;
     if (entry.method == head_.method) {
       route_ = entry.route;
       return;
@@ -210,7 +174,8 @@ void Exchange::route() {
 }
 
 void Exchange::refuse(int status, std::string reason, std::string challenge) {
-  refusal_ = jsonAnswer(status, Dictionary{{"error", reason}});
+  refusal_ = isForBrowsers() ? textAnswer(status, "This link cannot be used: " + reason + "\n")
+                             : jsonAnswer(status, Dictionary{{"error", reason}});
   if (!challenge.empty()) refusal_->fields.emplace_back("WWW-Authenticate", std::move(challenge));
   verdict_ = std::move(reason);
 }
@@ -219,36 +184,58 @@ void Exchange::verifyHeader() {
   auto ticket = api_.verifier_.verifyHeader({head_.method, head_.target, head_.host, head_.authorization});
   if (!ticket) return refuse(ticket.error());
   ticket_ = *std::move(ticket);
-  if (route_ != Route::kGif) return;
+  if (route_ == Route::kGif) beginGif();
+}
+
+void Exchange::beginGif() {
   // A GIF is signed by its header alone, so all of it can be judged before the first byte of the body.
-  if (auto fresh = api_.verifier_.verifyFreshness(*ticket_, api_.serverTime()); !fresh) return refuse(fresh.error());
+  const auto now = api_.serverTime();
+  const bool isStrict = api_.uploads_ == Api::Uploads::kStrict;
+  const auto fresh = isStrict ? api_.verifier_.verifyFreshness(*ticket_, now) : api_.verifier_.verifyUpload(*ticket_, now);
+  if (!fresh) return refuse(fresh.error());
   const auto share = head_.parameter("shareId");
   if (!share || share->empty()) return refuse(400, "No shareId");
   details_.setObjectForKey(Value(*share), "shareId");
-  gif_ = std::make_unique<GifDigest>();
+  auto intake = api_.gifs_.begin();
+  if (!intake) return refuse(507, intake.error());
+  gif_ = *std::move(intake);
+}
+
+void Exchange::verifyLink() {
+  const auto bewit = api_.verifier_.verifyLink({head_.method, head_.target, head_.host, head_.authorization}, api_.serverTime());
+  if (!bewit) return refuse(bewit.error());
+  const auto device = head_.parameter("deviceId");
+  if (percentDecoded(head_.parameter("appRDNS").value_or("")) != bewit->id)
+    return refuse(400, "It names another application than its signature");
+  if (!device || device->empty()) refuse(400, "It names no device");
 }
 
 Exchange::Plan Exchange::plan() const {
   if (refusal_) return {};
   if (route_ == Route::kGif) return {true, kMaxGif};
-  if (route_ == Route::kBehaviour) return {head_.method == "POST", kMaxBehaviourBody};
+  if (route_ == Route::kSubmitShare) return {true, kMaxShareBody};
+  if (route_ == Route::kBehaviour || route_ == Route::kShareStates) return {head_.method == "POST", kMaxBehaviourBody};
   return {hasTextBody(), kMaxTextBody};
 }
 
 // --- One request: the body.
 
-void Exchange::take(std::string_view piece) {
+bool Exchange::take(std::string_view piece) {
   bodyBytes_ += piece.size();
-  if (gif_)
-    gif_->add(piece);
-  else
+  if (!gif_) {
     body_.append(piece);
+    return true;
+  }
+  const auto added = gif_->add(piece);
+  if (!added) refuse(507, added.error());
+  return added.has_value();
 }
 
 void Exchange::refuseLongBody() { refuse(413, "Body too long"); }
 
 void Exchange::abandon() {
   verdict_ = "Body incomplete";
+  gif_.reset();
   if (isOwn()) return print(0, "");
   record(0, "");
   print(0, "");
@@ -284,11 +271,13 @@ std::expected<void, std::string> Exchange::checkPosted(const Value& data) {
     if (!eventData || !eventData->isObject() || data.object().count() != 1)
       return std::unexpected("\"data\" is no object with the one member \"eventData\", an object");
   }
+  if (route_ == Route::kSubmitShare)
+    if (const std::string fault = faultOfShare(data.object()); !fault.empty()) return std::unexpected("The share's " + fault);
   return {};
 }
 
 void Exchange::examine() {
-  if (gif_) details_.setObjectForKey(Value(gif_->hex()), "sha256");
+  if (gif_) details_.setObjectForKey(Value(gif_->hash()), "sha256");
   if (!hasTextBody() || body_.empty()) {
     if (!refusal_ && hasTextBody()) refuse(400, "The body is empty");
     if (!refusal_ && route_ == Route::kFindShares && !head_.parameter("ids")) refuse(400, "No ids");
@@ -319,10 +308,24 @@ Reaction Exchange::finish() {
   Reaction reaction =
       misbehaviour.kind != Misbehaviour::Kind::kNone ? misbehave(misbehaviour) : Reaction{refusal_ ? *refusal_ : serveApi(), {}};
   reaction.delay = api_.behaviour_.delay();
-  if (!record(reaction.answer ? reaction.answer->status : 0, misbehaviour.name()))
+  if (gif_ && !keepGif(reaction.answer ? reaction.answer->status : 0)) reaction.answer = refusal_;
+  if (!record(reaction.answer ? reaction.answer->status : 0, misbehaviour.name())) {
+    if (gif_) gif_->discard();
     reaction.answer = jsonAnswer(500, Dictionary{{"error", "The journal cannot be written"}});
+  }
   print(reaction.answer ? reaction.answer->status : 0, misbehaviour.name());
   return reaction;
+}
+
+/// What is not answered as taken leaves no file, and its header may come again.
+bool Exchange::keepGif(int status) {
+  if (refusal_ || status < 200 || status > 299) return true;
+  if (api_.uploads_ == Api::Uploads::kRepeatable)
+    if (auto spent = api_.verifier_.spend(*ticket_); !spent) return refuse(spent.error()), false;
+  const auto name = gif_->keep();
+  if (!name) return refuse(507, name.error()), false;
+  details_.setObjectForKey(Value(*name), "file");
+  return true;
 }
 
 Reaction Exchange::misbehave(const Misbehaviour& misbehaviour) const {
@@ -338,6 +341,8 @@ Reaction Exchange::misbehave(const Misbehaviour& misbehaviour) const {
 Answer Exchange::serveOwn() {
   if (route_ == Route::kPage) return textAnswer(200, api_.page());
   if (route_ == Route::kBehaviour) return serveBehaviour();
+  if (route_ == Route::kShareStates) return serveShareStates();
+  if (route_ == Route::kSessions) return jsonAnswer(200, Dictionary{{"sessions", api_.sessions_.all()}});
   const auto entries = api_.journal_.entriesAsJson();
   if (!entries) return jsonAnswer(500, Dictionary{{"error", entries.error()}});
   return {200, {{"Content-Type", "application/json"}}, "{\"requests\":" + *entries + "}"};
@@ -353,24 +358,72 @@ Answer Exchange::serveBehaviour() {
   return jsonAnswer(200, api_.behaviour_.state());
 }
 
+Answer Exchange::serveShareStates() {
+  if (head_.method == "POST") {
+    const auto states = readJsonObject(body_);
+    const auto changed = states ? api_.shares_.change(*states, api_.serverTime()) : std::unexpected(states.error());
+    if (!changed) return jsonAnswer(400, Dictionary{{"error", changed.error()}});
+  }
+  return jsonAnswer(200, Dictionary{{"shares", api_.shares_.all()}});
+}
+
 Answer Exchange::serveApi() {
   switch (route_) {
     case Route::kEvents:
+      api_.sessions_.note(ticket_->attributes.id, ticket_->attributes.ext.value_or(""), posted_.array());
       return jsonAnswer(200, api_.behaviour_.directives());
-    case Route::kSubmitShare: {
-      const HawkAttributes& from = ticket_->attributes;
-      const std::string code = api_.submitShare(from.id, from.ext.value_or(""), posted_.object());
-      details_.setObjectForKey(Value(code), "id");
-      return jsonAnswer(201, Dictionary{{"data", Dictionary{{"id", code}}}});
-    }
+    case Route::kSubmitShare:
+      return serveSubmittedShare();
     case Route::kFindShares:
-      return jsonAnswer(200, Dictionary{{"data", api_.findShares(*head_.parameter("ids"))}});
+      return jsonAnswer(200, Dictionary{{"data", api_.shares_.find(*head_.parameter("ids"))}});
+    case Route::kShareLink:
+      return serveShareLink();
+    case Route::kCookieMatch:
+      return textAnswer(200, "This device is matched. This page may be closed.\n");
+    case Route::kPatch:
+      return servePatch();
     default:
       return jsonAnswer(200, Dictionary());
   }
 }
 
+Answer Exchange::serveSubmittedShare() {
+  const HawkAttributes& from = ticket_->attributes;
+  const std::string code = api_.shares_.submit(from.id, from.ext.value_or(""), posted_.object(), api_.serverTime());
+  details_.setObjectForKey(Value(code), "id");
+  return jsonAnswer(201, Dictionary{{"data", Dictionary{{"id", code}}}});
+}
+
+Answer Exchange::serveShareLink() {
+  const std::string code(head_.path().substr(kShareLinks.size()));
+  const auto state = api_.shares_.advance(code, ShareState::kClicked, api_.serverTime());
+  if (!state) {
+    refuse(404, "There is no such share");
+    return *refusal_;
+  }
+  details_.setObjectForKey(Value(code), "id");
+  return textAnswer(200, "The share " + code + " is " + nameOf(*state) + ".\n");
+}
+
+Answer Exchange::servePatch() {
+  const HawkAttributes& from = ticket_->attributes;
+  const auto event = api_.sessions_.patch(from.id, from.ext.value_or(""), posted_.object().find("eventData")->object());
+  details_.setObjectForKey(event ? Value(*event) : Value(), "patched");
+  return jsonAnswer(200, Dictionary());
+}
+
 // --- What is kept and shown of it.
+
+Exchange::Sender Exchange::claimedSender() const {
+  if (route_ == Route::kCookieMatch) {
+    const auto link = parseHawkLink(head_.target);
+    if (!link) return {};
+    return {link->bewit.id, head_.parameter("deviceId")};
+  }
+  auto claimed = parseHawkAuthorization(head_.authorization);
+  if (!claimed) return {};
+  return {std::move(claimed->id), std::move(claimed->ext)};
+}
 
 bool Exchange::record(int status, const char* misbehaviour) {
   const bool taken = verdict_ == "ok" && status >= 200 && status <= 299;
@@ -379,17 +432,15 @@ bool Exchange::record(int status, const char* misbehaviour) {
                                   {"connection", head_.connection},
                                   {"method", head_.method},
                                   {"path", std::string(head_.path())},
-                                  {"target", head_.target},
+                                  {"target", head_.shownTarget()},
                                   {"status", status},
                                   {"verdict", verdict_},
                                   {"taken", taken},
                                   {"bytes", bodyBytes_}});
   if (*misbehaviour) entry.setObjectForKey(Value(misbehaviour), "misbehaviour");
-  // Who it claims to come from, whether or not that is true: the verdict tells.
-  if (const auto claimed = parseHawkAuthorization(head_.authorization)) {
-    entry.setObjectForKey(Value(claimed->id), "app");
-    if (claimed->ext) entry.setObjectForKey(Value(*claimed->ext), "device");
-  }
+  const Sender sender = claimedSender();
+  if (sender.app) entry.setObjectForKey(Value(*sender.app), "app");
+  if (sender.device) entry.setObjectForKey(Value(*sender.device), "device");
   if (const auto appended = api_.journal_.append(entry); !appended) {
     printError(appended.error());
     return false;
@@ -409,8 +460,8 @@ std::string Exchange::remark() const {
 }
 
 void Exchange::print(int status, std::string_view misbehaviour) const {
-  std::string line = timeText() + " " + (status ? std::to_string(status) : "---") + " " + head_.method + " " + head_.target;
-  if (const auto claimed = parseHawkAuthorization(head_.authorization)) line += " " + claimed->id;
+  std::string line = timeText() + " " + (status ? std::to_string(status) : "---") + " " + head_.method + " " + head_.shownTarget();
+  if (const Sender sender = claimedSender(); sender.app) line += " " + *sender.app;
   if (const std::string text = remark(); !text.empty()) line += " " + text;
   if (!misbehaviour.empty()) line += " (" + std::string(misbehaviour) + ")";
   printLine(line);

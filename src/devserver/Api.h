@@ -11,23 +11,25 @@
 #include <expected>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "devserver/Behaviour.h"
+#include "devserver/Gifs.h"
 #include "devserver/HawkVerifier.h"
 #include "devserver/Journal.h"
+#include "devserver/Sessions.h"
+#include "devserver/Shares.h"
 #include "platform/Value.h"
 
 namespace devserver {
 
-/// The longest body of a JSON request, and of a GIF, in bytes.
+/// The longest body of a JSON request, of a share, and of a GIF, in bytes.
 inline constexpr std::uint64_t kMaxTextBody = 64ULL * 1024 * 1024;
+inline constexpr std::uint64_t kMaxShareBody = 256ULL * 1024;
 inline constexpr std::uint64_t kMaxGif = 1024ULL * 1024 * 1024;
 
 /// The header of a request as it was received.
@@ -44,6 +46,8 @@ struct RequestHead {
   std::string_view path() const { return std::string_view(target).substr(0, target.find('?')); }
   /// The value of a query parameter as it stands; absent when there is none.
   std::optional<std::string> parameter(std::string_view name) const;
+  /// The target without what signs a link, which would be good for whoever reads it.
+  std::string shownTarget() const;
 };
 
 /// What the connection is to do once a request is dealt with.
@@ -57,7 +61,10 @@ class Api {
  public:
   using Now = std::function<std::chrono::milliseconds()>;
 
-  Api(HawkVerifier::Keys keys, Journal& journal, std::filesystem::path authorityFile, Now now);
+  /// Whether the header of an upload that was not taken may come again.
+  enum class Uploads { kRepeatable, kStrict };
+
+  Api(HawkVerifier::Keys keys, Journal& journal, Gifs& gifs, Uploads uploads, std::filesystem::path authorityFile, Now now);
 
   Behaviour& behaviour() { return behaviour_; }
   /// The time that requests are measured by.
@@ -66,21 +73,19 @@ class Api {
  private:
   friend class Exchange;
 
-  /// Keeps a share and returns its referral code.
-  std::string submitShare(std::string_view app, std::string_view device, platform::Dictionary share);
-  /// The shares that go by these codes, comma-separated, in their order; unknown ones are left out.
-  platform::Array findShares(std::string_view ids);
   std::string page() const;
 
   Behaviour behaviour_;
   HawkVerifier verifier_;
   Journal& journal_;
+  Gifs& gifs_;
+  const Uploads uploads_;
   const std::filesystem::path authorityFile_;
   const std::vector<std::string> applications_;
   const Now now_;
   std::atomic<std::uint64_t> taken_{0};
-  std::mutex mutex_;
-  std::map<std::string, platform::Dictionary, std::less<>> shares_;
+  Shares shares_;
+  Sessions sessions_;
 };
 
 /// One request on its way. Used by one thread.
@@ -97,8 +102,8 @@ class Exchange {
   Exchange& operator=(const Exchange&) = delete;
 
   Plan plan() const;
-  /// A piece of the body; not more than the plan allows in all.
-  void take(std::string_view piece);
+  /// A piece of the body; not more than the plan allows in all. False when no more of it is wanted.
+  bool take(std::string_view piece);
   /// The body was longer than the plan allows.
   void refuseLongBody();
   /// The connection ended, or failed, before the whole body had come. Nothing can be answered, but the journal says so.
@@ -106,16 +111,35 @@ class Exchange {
   Reaction finish();
 
  private:
-  enum class Route { kPage, kRecords, kBehaviour, kEvents, kSubmitShare, kFindShares, kPatch, kGif, kNone };
-  class GifDigest;
+  enum class Route {
+    kPage,
+    kRecords,
+    kBehaviour,
+    kShareStates,
+    kSessions,
+    kEvents,
+    kSubmitShare,
+    kFindShares,
+    kShareLink,
+    kCookieMatch,
+    kPatch,
+    kGif,
+    kNone
+  };
   void route();
   void refuse(int status, std::string reason, std::string challenge = {});
   void refuse(HawkRefusal refusal) { refuse(refusal.status, std::move(refusal.reason), std::move(refusal.challenge)); }
   /// One of the server's own pages, which are neither journalled nor misbehaved with.
-  bool isOwn() const { return route_ == Route::kPage || route_ == Route::kRecords || route_ == Route::kBehaviour; }
+  bool isOwn() const { return route_ <= Route::kSessions; }
+  /// A page of the API for people with a browser.
+  bool isForBrowsers() const { return route_ == Route::kShareLink || route_ == Route::kCookieMatch; }
   bool hasTextBody() const { return route_ == Route::kEvents || route_ == Route::kSubmitShare || route_ == Route::kPatch; }
 
   void verifyHeader();
+  void beginGif();
+  /// Takes a GIF for good that would be answered like this; false when it cannot be.
+  bool keepGif(int status);
+  void verifyLink();
   void verifyBody();
   /// Reads what was posted, for the journal too, and refuses what the API does not take.
   void examine();
@@ -124,9 +148,19 @@ class Exchange {
 
   Answer serveOwn();
   Answer serveBehaviour();
+  Answer serveShareStates();
   Answer serveApi();
+  Answer serveSubmittedShare();
+  Answer serveShareLink();
+  Answer servePatch();
   Reaction misbehave(const Misbehaviour& misbehaviour) const;
 
+  /// Who the request claims to come from, whether or not that is true: the verdict tells.
+  struct Sender {
+    std::optional<std::string> app;
+    std::optional<std::string> device;
+  };
+  Sender claimedSender() const;
   bool record(int status, const char* misbehaviour);
   void print(int status, std::string_view misbehaviour) const;
   std::string remark() const;
@@ -139,7 +173,7 @@ class Exchange {
   std::string verdict_ = "ok";
   std::string body_;
   std::uint64_t bodyBytes_ = 0;
-  std::unique_ptr<GifDigest> gif_;
+  std::unique_ptr<Gifs::Intake> gif_;
   platform::Value posted_;        // the member "data" of a JSON body
   platform::Dictionary details_;  // what the journal says beyond the members that every entry has
 };

@@ -108,8 +108,8 @@ const char* Misbehaviour::name() const {
 }
 
 const std::vector<std::string>& behaviourNames() {
-  static const std::vector<std::string> kNames{"clock-offset", "delay", "drop",       "status",
-                                               "answer",       "stale", "directives", "close-every"};
+  static const std::vector<std::string> kNames{"clock-offset", "delay",      "drop",        "status",   "answer",
+                                               "stale",        "directives", "close-every", "read-rate"};
   return kNames;
 }
 
@@ -165,10 +165,10 @@ Outcome Behaviour::applyNumber(Settings& settings, std::string_view name, const 
     std::int64_t most;
     std::int64_t Settings::* field;
   };
-  static constexpr std::array kEntries{Entry{"clock-offset", -kMaxClockOffset, kMaxClockOffset, &Settings::clockOffset},
-                                       Entry{"delay", 0, kMaxDelay, &Settings::delay},
-                                       Entry{"close-every", 0, kMaxCount, &Settings::closeEvery},
-                                       Entry{"drop", 0, kMaxCount, &Settings::drop}};
+  static constexpr std::array kEntries{
+      Entry{"clock-offset", -kMaxClockOffset, kMaxClockOffset, &Settings::clockOffset},
+      Entry{"delay", 0, kMaxDelay, &Settings::delay}, Entry{"close-every", 0, kMaxCount, &Settings::closeEvery},
+      Entry{"read-rate", 0, kMaxCount, &Settings::readRate}, Entry{"drop", 0, kMaxCount, &Settings::drop}};
   const auto* const entry = std::ranges::find(kEntries, name, &Entry::name);
   if (entry == kEntries.end()) return std::unexpected("there is no setting \"" + std::string(name) + "\"");
   return readNumber(value.isNull() ? Value(0) : value, std::string(name), entry->least, entry->most, settings.*entry->field);
@@ -209,6 +209,7 @@ Dictionary Behaviour::state() const {
   Dictionary state{{"clock-offset", now.clockOffset},
                    {"delay", now.delay},
                    {"close-every", now.closeEvery},
+                   {"read-rate", now.readRate},
                    {"directives", now.directives},
                    {"drop", now.drop},
                    {"status", nullptr},
@@ -248,6 +249,11 @@ std::chrono::milliseconds Behaviour::delay() const {
 Dictionary Behaviour::directives() const {
   std::lock_guard lock(mutex_);
   return settings_.directives;
+}
+
+std::int64_t Behaviour::readRate() const {
+  std::lock_guard lock(mutex_);
+  return settings_.readRate;
 }
 
 std::int64_t Behaviour::closeEvery() const {

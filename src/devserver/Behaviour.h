@@ -56,12 +56,15 @@ class Behaviour {
   platform::Dictionary directives() const;
   /// After how many requests a connection is closed without being announced; 0 for never.
   std::int64_t closeEvery() const;
+  /// How many bytes of a body are read in a second on each connection; 0 for as many as come.
+  std::int64_t readRate() const;
 
  private:
   struct Settings {
     std::int64_t clockOffset = 0;
     std::int64_t delay = 0;
     std::int64_t closeEvery = 0;
+    std::int64_t readRate = 0;
     platform::Dictionary directives;
     std::int64_t drop = 0;
     std::int64_t answersLeft = 0;

@@ -129,9 +129,86 @@ std::string base64(const unsigned char* bytes, std::size_t length) {
   return text;
 }
 
-bool isMacRight(const HawkTicket& ticket, const HawkRequest& request, const HostAndPort& place, std::string_view host) {
-  const std::string text = hawkRequestText(ticket.attributes, request.method, request.target, host, place.port);
-  return equal(hawkMac(ticket.key, text), ticket.attributes.mac);
+/// Whether a MAC fits the text that `textOf` makes for the host.
+template <class TextOf>
+bool isMacRight(std::string_view key, std::string_view mac, std::string_view host, const TextOf& textOf) {
+  if (equal(hawkMac(key, textOf(host)), mac)) return true;
+  // Signers do not agree on whether the brackets of an IPv6 literal belong to the host.
+  return host.starts_with('[') && equal(hawkMac(key, textOf(host.substr(1, host.size() - 2))), mac);
+}
+
+/// What is remembered of a nonce. No attribute can hold a line feed, so the three cannot run into one another.
+std::string nonceEntry(const HawkTicket& ticket) {
+  return ticket.key + "\n" + ticket.attributes.nonce + "\n" + ticket.attributes.ts;
+}
+
+std::chrono::seconds timeOf(const HawkTicket& ticket) {
+  const std::string& ts = ticket.attributes.ts;
+  std::int64_t seconds = 0;
+  std::from_chars(ts.data(), ts.data() + ts.size(), seconds);  // digits that fit, as the parser made sure
+  return std::chrono::seconds(seconds);
+}
+
+HawkRefusal stale(const HawkTicket& ticket, std::chrono::milliseconds now) {
+  const auto time = std::chrono::floor<std::chrono::seconds>(now).count();
+  return {401, "Stale timestamp", staleChallenge(ticket.key, std::to_string(time))};
+}
+
+/// The bytes of unpadded base64url; absent for any other text.
+std::optional<std::string> base64urlDecoded(std::string_view text) {
+  static constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::string bytes;
+  std::uint32_t bits = 0;
+  int count = 0;
+  for (const char c : text) {
+    const auto digit = kAlphabet.find(c);
+    if (digit == std::string_view::npos) return std::nullopt;
+    bits = (bits << 6U | static_cast<std::uint32_t>(digit)) & 0xFFFFU;
+    count += 6;
+    if (count < 8) continue;
+    count -= 8;
+    bytes += static_cast<char>(bits >> static_cast<unsigned>(count) & 0xFFU);
+  }
+  // What is left over is less than a digit, and no part of the text.
+  if (count >= 6 || (bits & ((1U << static_cast<unsigned>(count)) - 1)) != 0) return std::nullopt;
+  return bytes;
+}
+
+/// The four parts between backslashes; absent for more or fewer.
+std::optional<HawkBewit> splitBewit(std::string_view text) {
+  std::array<std::string, 4> parts;
+  for (std::size_t at = 0; at < parts.size(); ++at) {
+    const auto end = text.find('\\');
+    if ((end == std::string_view::npos) != (at == parts.size() - 1)) return std::nullopt;
+    parts[at] = text.substr(0, end);
+    text.remove_prefix(std::min(text.size(), parts[at].size() + 1));
+  }
+  return HawkBewit{parts[0], parts[1], parts[2], parts[3]};
+}
+
+/// The value of the parameter "bewit", which is taken out of the target with the separator that it then needs no more. Absent when
+/// there is none, or more than one.
+std::optional<std::string> takeBewit(std::string& target) {
+  std::optional<std::string> value;
+  const auto question = target.find('?');
+  if (question == std::string::npos) return std::nullopt;
+  std::string kept = target.substr(0, question);
+  std::string_view rest = std::string_view(target).substr(question);
+  char separator = '?';
+  while (!rest.empty()) {
+    rest.remove_prefix(1);  // the question mark or ampersand
+    const std::string_view pair = rest.substr(0, rest.find('&'));
+    rest.remove_prefix(pair.size());
+    if (pair.starts_with("bewit=")) {
+      if (value) return std::nullopt;
+      value = pair.substr(pair.find('=') + 1);
+      continue;
+    }
+    kept.append(1, separator).append(pair);
+    separator = '&';
+  }
+  target = kept;
+  return value;
 }
 
 }  // namespace
@@ -176,6 +253,34 @@ std::string hawkRequestText(const HawkAttributes& attributes, std::string_view m
     addLine(*attributes.app);
     addLine(attributes.dlg.value_or(""));
   }
+  return text;
+}
+
+std::expected<HawkLink, HawkRefusal> parseHawkLink(std::string_view target) {
+  HawkLink link;
+  link.target = target;
+  const auto text = takeBewit(link.target);
+  if (!text || text->empty()) return std::unexpected(HawkRefusal{401, "No bewit, or more than one", "Hawk"});
+  const auto decoded = base64urlDecoded(*text);
+  if (!decoded) return std::unexpected(syntaxError("Invalid bewit encoding"));
+  auto bewit = splitBewit(*decoded);
+  if (!bewit) return std::unexpected(syntaxError("Invalid bewit structure"));
+  if (bewit->id.empty() || bewit->exp.empty() || bewit->mac.empty())
+    return std::unexpected(syntaxError("Missing bewit attributes"));
+  for (const std::string& part : {bewit->id, bewit->mac, bewit->ext})
+    if (!std::ranges::all_of(part, isValueCharacter)) return std::unexpected(syntaxError("Bad bewit attribute value"));
+  if (!isTimestamp(bewit->exp)) return std::unexpected(syntaxError("Bad bewit attribute value: exp"));
+  link.bewit = *std::move(bewit);
+  return link;
+}
+
+std::string hawkLinkText(const HawkBewit& bewit, std::string_view target, std::string_view host, std::string_view port) {
+  const std::string lowerHost = mapped(host, lower);
+  std::string text = "hawk.1.bewit\n";
+  // A link has no nonce and no hash; its lines for them are empty.
+  for (const std::string_view line : {std::string_view(bewit.exp), std::string_view(), std::string_view("GET"), target,
+                                      std::string_view(lowerHost), port, std::string_view(), std::string_view(bewit.ext)})
+    text.append(line).push_back('\n');
   return text;
 }
 
@@ -227,12 +332,28 @@ std::expected<HawkTicket, HawkRefusal> HawkVerifier::verifyHeader(const HawkRequ
   if (key == keys_.end()) return std::unexpected(unauthorized("Unknown credentials"));
 
   HawkTicket ticket{*std::move(attributes), key->second};
-  bool right = isMacRight(ticket, request, *place, place->host);
-  // Signers do not agree on whether the brackets of an IPv6 literal belong to the host.
-  if (!right && place->host.starts_with('['))
-    right = isMacRight(ticket, request, *place, place->host.substr(1, place->host.size() - 2));
+  const bool right = isMacRight(ticket.key, ticket.attributes.mac, place->host, [&](std::string_view host) {
+    return hawkRequestText(ticket.attributes, request.method, request.target, host, place->port);
+  });
   if (!right) return std::unexpected(unauthorized("Bad mac"));
   return ticket;
+}
+
+std::expected<HawkBewit, HawkRefusal> HawkVerifier::verifyLink(const HawkRequest& request, std::chrono::milliseconds now) const {
+  if (request.method != "GET") return std::unexpected(unauthorized("Invalid method"));
+  if (request.authorization) return std::unexpected(syntaxError("Multiple authentications"));
+  auto link = parseHawkLink(request.target);
+  if (!link) return std::unexpected(link.error());
+  const HawkBewit& bewit = link->bewit;
+  if (now >= std::chrono::seconds(std::stoll(bewit.exp))) return std::unexpected(unauthorized("Access expired"));
+  const auto place = splitHost(request.host);
+  if (!place) return std::unexpected(syntaxError("Invalid Host header"));
+  const auto key = keys_.find(bewit.id);
+  if (key == keys_.end()) return std::unexpected(unauthorized("Unknown credentials"));
+  const bool right = isMacRight(key->second, bewit.mac, place->host,
+                                [&](std::string_view host) { return hawkLinkText(bewit, link->target, host, place->port); });
+  if (!right) return std::unexpected(unauthorized("Bad mac"));
+  return std::move(link->bewit);
 }
 
 std::expected<void, HawkRefusal> HawkVerifier::verifyPayload(const HawkTicket& ticket, std::string_view contentType,
@@ -244,20 +365,28 @@ std::expected<void, HawkRefusal> HawkVerifier::verifyPayload(const HawkTicket& t
 }
 
 std::expected<void, HawkRefusal> HawkVerifier::verifyFreshness(const HawkTicket& ticket, std::chrono::milliseconds now) {
-  if (!useNonce(ticket)) return std::unexpected(unauthorized("Invalid nonce"));
-  const std::string& ts = ticket.attributes.ts;
-  std::int64_t seconds = 0;
-  std::from_chars(ts.data(), ts.data() + ts.size(), seconds);  // digits that fit, as the parser made sure
-  if (std::chrono::abs(now - std::chrono::seconds(seconds)) > kWindow) {
-    const auto time = std::chrono::floor<std::chrono::seconds>(now).count();
-    return std::unexpected(HawkRefusal{401, "Stale timestamp", staleChallenge(ticket.key, std::to_string(time))});
+  if (auto spent = spend(ticket); !spent) return spent;
+  if (std::chrono::abs(now - timeOf(ticket)) > kWindow) return std::unexpected(stale(ticket, now));
+  return {};
+}
+
+std::expected<void, HawkRefusal> HawkVerifier::verifyUpload(const HawkTicket& ticket, std::chrono::milliseconds now) const {
+  {
+    const std::lock_guard lock(mutex_);
+    if (nonces_.contains(nonceEntry(ticket))) return std::unexpected(unauthorized("Invalid nonce"));
   }
+  const auto age = now - timeOf(ticket);
+  if (age > kUploadAge || -age > kWindow) return std::unexpected(stale(ticket, now));
+  return {};
+}
+
+std::expected<void, HawkRefusal> HawkVerifier::spend(const HawkTicket& ticket) {
+  if (!useNonce(ticket)) return std::unexpected(unauthorized("Invalid nonce"));
   return {};
 }
 
 bool HawkVerifier::useNonce(const HawkTicket& ticket) {
-  // No attribute can hold a line feed, so the three cannot run into one another.
-  std::string entry = ticket.key + "\n" + ticket.attributes.nonce + "\n" + ticket.attributes.ts;
+  std::string entry = nonceEntry(ticket);
   std::lock_guard lock(mutex_);
   if (!nonces_.insert(entry).second) return false;
   nonceOrder_.push_back(std::move(entry));

@@ -145,9 +145,17 @@ class Session {
       if (!readPiece(parser, piece)) return Body::kBroken;
       if (piece.size() > left) return Body::kTooLong;
       left -= piece.size();
-      exchange.take(piece);
+      if (!exchange.take(piece)) return Body::kComplete;  // refused: the answer says why
+      if (!keepPace(piece.size())) return Body::kBroken;
     }
     return Body::kComplete;
+  }
+
+  /// Rests as long as the rate for bodies asks for; false when the server stops.
+  bool keepPace(std::size_t bytes) {
+    const std::int64_t rate = api_.behaviour().readRate();
+    if (rate == 0) return true;
+    return stop_.wait(std::chrono::milliseconds(static_cast<std::int64_t>(bytes) * 1000 / rate));
   }
 
   bool readPiece(Parser& parser, std::string_view& piece) {

@@ -91,6 +91,7 @@ std::string helpOf(const std::string& name) {
       {"answer", R"(answer the next requests with {"status", "headers", "body", "next"})"},
       {"stale", R"(challenge the next requests: {"time", "tsm": "good"|"wrong"|"missing", "next"})"},
       {"directives", "the JSON object that answers /events"},
+      {"read-rate", "BYTES of a body that are read in a second on each connection"},
       {"close-every", "close a connection, unannounced, after each Nth request on it"}};
   return kHelp.at(name);
 }
@@ -100,6 +101,8 @@ struct RawOptions {
   std::string state;
   std::string journal;
   std::string readyFile;
+  std::string gifs;
+  bool strictUploads = false;
   std::vector<std::string> apps;
   std::vector<std::string> secretFiles;
   std::vector<std::string> appsFiles;
@@ -116,6 +119,8 @@ void declare(CLI::App& app, RawOptions& raw) {
       ->type_name("FILE");
   app.add_option("--ready-file", raw.readyFile, "written once the server listens: {\"port\", \"url\", \"caFile\"}")
       ->type_name("FILE");
+  app.add_option("--gifs", raw.gifs, "folder for uploaded GIFs (a temporary one)")->type_name("DIR");
+  app.add_flag("--strict-uploads", raw.strictUploads, "let the signature of an upload in once and for a minute, like any other");
   app.add_option("--app", raw.apps, "an application's id; one --secret-file for each")->type_name("ID")->allow_extra_args(false);
   app.add_option("--secret-file", raw.secretFiles, "file that holds the secret of the --app in the same place")
       ->type_name("FILE")
@@ -135,6 +140,8 @@ Options optionsOf(const CLI::App& app, const RawOptions& raw) {
   options.state = raw.state.empty() ? defaultState() : std::filesystem::absolute(raw.state);
   options.journal = raw.journal.empty() ? options.state / "journal.jsonl" : std::filesystem::absolute(raw.journal);
   if (!raw.readyFile.empty()) options.readyFile = std::filesystem::absolute(raw.readyFile);
+  if (!raw.gifs.empty()) options.gifs = std::filesystem::absolute(raw.gifs);
+  options.strictUploads = raw.strictUploads;
   options.idleTimeout = std::chrono::milliseconds(static_cast<std::int64_t>(raw.idleTimeout * 1000));
 
   if (raw.apps.size() != raw.secretFiles.size()) fail("each --app needs its own --secret-file");

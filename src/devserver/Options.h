@@ -18,6 +18,8 @@ struct Options {
   std::filesystem::path state;
   std::filesystem::path journal;
   std::optional<std::filesystem::path> readyFile;
+  std::optional<std::filesystem::path> gifs;  // absent: a temporary folder
+  bool strictUploads = false;
   HawkVerifier::Keys keys;
   platform::Dictionary behaviour;  // as Behaviour::change takes it
   std::chrono::milliseconds idleTimeout{60'000};

@@ -13,6 +13,7 @@
 #include "devserver/Api.h"
 #include "devserver/CertificateAuthority.h"
 #include "devserver/Files.h"
+#include "devserver/Gifs.h"
 #include "devserver/Journal.h"
 #include "devserver/Json.h"
 #include "devserver/Options.h"
@@ -75,7 +76,11 @@ int run(const devserver::Options& options, int stop) {
   devserver::Journal journal;
   if (const auto opened = journal.open(options.journal); !opened) return fail(opened.error());
 
-  devserver::Api api(options.keys, journal, certificates->authority, systemTime);
+  const auto gifs = devserver::Gifs::open(options.gifs);
+  if (!gifs) return fail(gifs.error());
+
+  const auto uploads = options.strictUploads ? devserver::Api::Uploads::kStrict : devserver::Api::Uploads::kRepeatable;
+  devserver::Api api(options.keys, journal, **gifs, uploads, certificates->authority, systemTime);
   if (const auto changed = api.behaviour().change(options.behaviour); !changed) return fail(changed.error());
   devserver::Server server(api, *std::move(context), options.idleTimeout);
   if (const auto listening = server.listen(options.port); !listening) return fail(listening.error());

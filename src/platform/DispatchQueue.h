@@ -27,6 +27,10 @@ class DispatchQueue {
   /// Submits a block; never runs it inline and never waits for one. Any thread. An exception that leaves the block goes to the
   /// uncaught-exception service. An absent block raises NSInvalidArgumentException when its turn comes.
   virtual void async(Block block) = 0;
+  /// As async, but the block's turn does not come before that many seconds have gone by, measured by a clock that nobody sets.
+  /// Blocks of equal times run in the order of submission; blocks submitted by async do not wait for delayed ones. A time that is
+  /// not above nil has gone by already. The queue lives until the block has run. Any thread.
+  virtual void asyncAfter(double seconds, Block block) = 0;
   virtual const std::string& label() const = 0;
 
   /// How every implementation runs a block that has its turn: whatever leaves it, and the raise for an absent one, goes to the

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -66,6 +67,11 @@ class Error {
   std::string debugDescription_;
   std::shared_ptr<const Error> underlyingError_;
 };
+
+/// What an operation sent to an error that may be absent yields: its text, or absent.
+inline std::optional<std::string> localizedDescription(const std::optional<Error>& error) {
+  return error ? std::optional(error->localizedDescription()) : std::nullopt;
+}
 
 /// An error of kURLErrorDomain with the text that belongs to its code; `host` is quoted where the text names one.
 Error urlError(std::int64_t code, std::string_view host = {});

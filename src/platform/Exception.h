@@ -14,6 +14,7 @@ namespace platform {
 inline constexpr const char* kInvalidArgumentException = "NSInvalidArgumentException";
 inline constexpr const char* kRangeException = "NSRangeException";
 inline constexpr const char* kFileHandleOperationException = "NSFileHandleOperationException";
+inline constexpr const char* kGenericException = "NSGenericException";
 inline constexpr const char* kInternalInconsistencyException = "NSInternalInconsistencyException";
 
 class Exception : public std::exception {

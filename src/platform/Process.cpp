@@ -15,6 +15,8 @@ std::atomic<Process*>& currentSlot() {
 
 Process::~Process() {
   // Whatever runs first: its threads use all the rest.
+  backgroundSessions.reset();
+  browserOpener.reset();
   urlSession.reset();
   queues.reset();
   application.reset();
@@ -42,6 +44,14 @@ Date Date::date() { return Process::current().clock->now(); }
 FileManager& FileManager::defaultManager() { return *Process::current().fileManager; }
 UserDefaults& UserDefaults::standardUserDefaults() { return *Process::current().userDefaults; }
 URLSession& URLSession::sharedSession() { return *Process::current().urlSession; }
+BackgroundURLSessions& BackgroundURLSessions::backgroundSessions() { return *Process::current().backgroundSessions; }
+BackgroundURLSessionRef BackgroundURLSession::sessionWithConfigurationDelegateDelegateQueue(
+    const URLSessionConfiguration& configuration, std::shared_ptr<URLSessionDelegate> delegate,
+    std::shared_ptr<DispatchQueue> delegateQueue) {
+  return BackgroundURLSessions::backgroundSessions().sessionWithConfigurationDelegateDelegateQueue(
+      configuration, std::move(delegate), std::move(delegateQueue));
+}
+BrowserOpener& BrowserOpener::browserOpener() { return *Process::current().browserOpener; }
 Bundle& Bundle::mainBundle() { return *Process::current().bundle; }
 Application& Application::sharedApplication() { return *Process::current().application; }
 SystemLog& SystemLog::systemLog() { return *Process::current().systemLog; }

@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "platform/Application.h"
+#include "platform/BackgroundURLSession.h"
+#include "platform/BrowserOpener.h"
 #include "platform/Bundle.h"
 #include "platform/Data.h"
 #include "platform/Date.h"
@@ -79,6 +81,8 @@ class Process {
   std::shared_ptr<DispatchQueues> queues;
   std::shared_ptr<Application> application;
   std::shared_ptr<URLSession> urlSession;
+  std::shared_ptr<BackgroundURLSessions> backgroundSessions;
+  std::shared_ptr<BrowserOpener> browserOpener;
 
   std::atomic<bool> debug{false};
   ExternalConstants constants;
@@ -110,6 +114,14 @@ struct SystemOptions {
   double requestTimeout = 60;
   /// The longest answer body that is taken, in bytes after decoding; a longer one ends with -1103.
   std::uint64_t maxResponseBytes = 16 * 1024 * 1024;
+  /// Absolute path of the folder shared with the transfer service, instead of the user's.
+  std::optional<std::string> transferDirectory = std::nullopt;
+  /// Path of the program that is started when no transfer service answers, instead of what the environment's KESTROVA_TRANSFERD
+  /// names, the one beside this program, or the one that PATH leads to.
+  std::optional<std::string> transferServicePath = std::nullopt;
+  /// The command, an absolute path first, that the transfer service launches this application with when uploads have ended and the
+  /// application is not running. Empty: it is not launched, and hears of their end when it runs again.
+  std::vector<std::string> launchCommand = {};
 };
 
 /// The real services of this machine. Starts no thread and touches no file. Defined by the platform that is built for.

@@ -3,6 +3,8 @@
 // Everything is one pass over the text without recursion, so that text from a server costs time in proportion to its length.
 #include "platform/URL.h"
 
+#include <algorithm>
+
 #include "platform/Exception.h"
 
 namespace platform {
@@ -113,9 +115,7 @@ std::string joined(const Components& parts) {
 
 bool isScheme(std::string_view text) {
   if (text.empty() || !isAlpha(text[0])) return false;
-  for (const char c : text)
-    if (!isAlpha(c) && !isDigit(c) && !isOneOf(c, "+-.")) return false;
-  return true;
+  return std::ranges::all_of(text, [](char c) { return isAlpha(c) || isDigit(c) || isOneOf(c, "+-."); });
 }
 
 bool isIPv4(std::string_view text) {
@@ -133,47 +133,39 @@ bool isIPv4(std::string_view text) {
   return text.empty();
 }
 
-/// Eight groups of up to four hexadecimal digits; one run of them may be `::`; the last two may be an IPv4 address.
-bool isIPv6(std::string_view text) {
+/// Groups of up to four hexadecimal digits with a colon between them, of which the last may be an IPv4 address that counts as two.
+/// Yields their number, 0 for none; absent when the text is something else.
+std::optional<int> countedIPv6Groups(std::string_view text) {
   int groups = 0;
-  bool elided = false;
-  if (text.starts_with("::")) {
-    elided = true;
-    text.remove_prefix(2);
-    if (text.empty()) return true;
-  }
-  while (true) {
-    std::size_t digits = 0;
-    while (digits < text.size() && hexValue(text[digits]) >= 0) ++digits;
-    if (digits < text.size() && text[digits] == '.') {
-      if (!isIPv4(text)) return false;
-      groups += 2;
-      break;
-    }
-    if (digits == 0 || digits > 4 || ++groups > 8) return false;
+  while (!text.empty()) {
+    const std::size_t digits = std::min(text.find_first_of(":."), text.size());
+    if (digits < text.size() && text[digits] == '.') return isIPv4(text) ? std::optional(groups + 2) : std::nullopt;
+    if (digits == 0 || digits > 4 || !std::ranges::all_of(text.substr(0, digits), [](char c) { return hexValue(c) >= 0; }))
+      return std::nullopt;
+    ++groups;
     text.remove_prefix(digits);
-    if (text.empty()) break;
-    if (text[0] != ':') return false;
-    text.remove_prefix(1);
-    if (text.starts_with(':')) {
-      if (elided) return false;
-      elided = true;
-      text.remove_prefix(1);
-      if (text.empty()) break;
-    }
+    if (text == ":") return std::nullopt;
+    if (!text.empty()) text.remove_prefix(1);
   }
-  return elided ? groups <= 7 : groups == 8;
+  return groups;
+}
+
+/// Eight groups; one run of them, of one group at least, may be `::`.
+bool isIPv6(std::string_view text) {
+  const std::size_t elision = text.find("::");
+  if (elision == std::string_view::npos) return countedIPv6Groups(text) == 8;
+  const std::string_view head = text.substr(0, elision);
+  const auto before = head.contains('.') ? std::nullopt : countedIPv6Groups(head);
+  const auto after = countedIPv6Groups(text.substr(elision + 2));
+  return before && after && *before + *after <= 7;
 }
 
 bool isIPvFuture(std::string_view text) {
   if (text.empty() || lowered(text[0]) != 'v') return false;
   const auto dot = text.find('.');
   if (dot == std::string_view::npos || dot < 2 || dot + 1 == text.size()) return false;
-  for (const char c : text.substr(1, dot - 1))
-    if (hexValue(c) < 0) return false;
-  for (const char c : text.substr(dot + 1))
-    if (!isUnreserved(c) && !isOneOf(c, kSubDelims) && c != ':') return false;
-  return true;
+  return std::ranges::all_of(text.substr(1, dot - 1), [](char c) { return hexValue(c) >= 0; }) &&
+         std::ranges::all_of(text.substr(dot + 1), [](char c) { return isUnreserved(c) || isOneOf(c, kSubDelims) || c == ':'; });
 }
 
 struct Authority {

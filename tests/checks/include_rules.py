@@ -20,9 +20,11 @@ ALL = None
 ROOMS = {
     **{room: (CLIENT_ROOMS + ("companions", "platform"), False) for room in CLIENT_ROOMS + ("companions",)},
     "platform": (("platform",), False),
-    "platform/linux": (("platform", "platform/linux"), True),
-    "transfer/core": (("transfer/core", "platform"), False),
-    "transfer/linux": (("transfer/core", "transfer/linux", "platform", "platform/linux"), True),
+    # The platform's background sessions speak to the transfer service, so its messages are known to both.
+    "platform/linux": (("platform", "platform/linux", "transfer/protocol"), True),
+    "transfer/protocol": (("transfer/protocol", "platform"), False),
+    "transfer/core": (("transfer/core", "transfer/protocol", "platform"), False),
+    "transfer/linux": (("transfer/core", "transfer/linux", "transfer/protocol", "platform", "platform/linux"), True),
     "devserver": (ALL, True),
     "cli": (ALL, True),
 }

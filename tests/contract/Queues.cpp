@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -31,6 +33,8 @@ struct Subject {
   virtual void destroy() = 0;
   /// Runs what waits or, where blocks run by themselves, waits until the event has happened.
   [[nodiscard]] virtual bool runUntil(test::Event& event) = 0;
+  /// Seconds by the clock that delayed blocks go by.
+  virtual double time() = 0;
 
   std::shared_ptr<test::RecordingUncaughtException> uncaught = std::make_shared<test::RecordingUncaughtException>();
 };
@@ -39,6 +43,7 @@ struct RealSubject : Subject {
   DispatchQueues& queues() override { return *service; }
   void destroy() override { service.reset(); }
   bool runUntil(test::Event& event) override { return event.wait(); }
+  double time() override { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
   std::unique_ptr<platform::ThreadQueues> service = std::make_unique<platform::ThreadQueues>(uncaught);
 };
 
@@ -47,8 +52,13 @@ struct SteppedSubject : Subject {
   void destroy() override { service.reset(); }
   bool runUntil(test::Event& event) override {
     service->runAll();
+    while (!event.happened() && service->delayed() > 0) {
+      service->advanceTime(0.001);
+      service->runAll();
+    }
     return event.happened();
   }
+  double time() override { return service->time(); }
   std::unique_ptr<test::SteppedQueues> service = std::make_unique<test::SteppedQueues>(uncaught);
 };
 
@@ -303,6 +313,113 @@ TEST_P(QueuesContract, Q3WhatIsSubmittedAfterTheServiceHasEndedIsDropped) {
   EXPECT_TRUE(watched.expired()) << "a dropped block still holds what it was given";
 }
 
+// Delayed blocks.
+
+TEST_P(QueuesContract, Q1ADelayedBlockRunsOnceAndNotBeforeItsTime) {
+  for (const Queue& queue : everyKindOfQueue()) {
+    constexpr double kDelay = 0.03;
+    int runs = 0;
+    test::Event ran;
+    const double submitted = subject_->time();
+    double ranAt = 0;
+    queue->asyncAfter(kDelay, [&] {
+      ++runs;
+      ranAt = subject_->time();
+      ran.happen();
+    });
+    ASSERT_TRUE(subject_->runUntil(ran)) << queue->label();
+    settle(queue);
+    EXPECT_GE(ranAt - submitted, kDelay) << queue->label();
+    EXPECT_EQ(runs, 1) << queue->label();
+  }
+}
+
+TEST_P(QueuesContract, Q1DelayedBlocksRunInTheOrderOfTheirTimesAndEqualOnesInThatOfSubmission) {
+  const Queue queue = queues().makeSerialQueue("serial");
+  Notes notes;
+  test::Event last;
+  queue->asyncAfter(0.06, [&] {
+    notes.add("last");
+    last.happen();
+  });
+  // Submitted inside a block, so that what is due early cannot run in between.
+  queue->async([&] {
+    queue->asyncAfter(0.03, [&] { notes.add("second"); });
+    queue->asyncAfter(0.01, [&] { notes.add("first"); });
+    queue->asyncAfter(0.03, [&] { notes.add("third"); });
+  });
+  ASSERT_TRUE(subject_->runUntil(last));
+  EXPECT_THAT(notes.all(), ElementsAre("first", "second", "third", "last"));
+}
+
+TEST_P(QueuesContract, Q1BlocksThatAreSubmittedDoNotWaitForDelayedOnes) {
+  const Queue queue = queues().makeSerialQueue("serial");
+  bool delayedRan = false;
+  queue->asyncAfter(3600, [&] { delayedRan = true; });
+  settle(queue);
+  settle(queue);
+  EXPECT_FALSE(delayedRan);
+}
+
+TEST_P(QueuesContract, Q1ATimeThatIsNotAboveNilHasGoneBy) {
+  const Queue queue = queues().makeSerialQueue("serial");
+  for (const double seconds : {0.0, -1.0, -std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()}) {
+    test::Event ran;
+    queue->asyncAfter(seconds, [&] { ran.happen(); });
+    ASSERT_TRUE(subject_->runUntil(ran)) << seconds;
+  }
+}
+
+TEST_P(QueuesContract, Q1AnEndlessDelayHoldsUpNobody) {
+  const Queue queue = queues().makeSerialQueue("serial");
+  for (const double seconds : {1e9, 1e300, std::numeric_limits<double>::infinity()}) queue->asyncAfter(seconds, [] { FAIL(); });
+  settle(queue);
+}
+
+TEST_P(QueuesContract, Q2WhatLeavesADelayedBlockAndAnAbsentOneGoToTheUncaughtExceptionService) {
+  queues().makeSerialQueue("serial")->asyncAfter(0.001, nullptr);
+  test::Event later;
+  const Queue other = queues().makeSerialQueue("other");
+  other->asyncAfter(0.05, [&] { later.happen(); });
+  EXPECT_TRUE(subject_->runUntil(later) || subject_->uncaught->dead());
+  EXPECT_EQ(theDescriptionAfter(*subject_),
+            "*** Terminating app due to uncaught exception 'NSInvalidArgumentException', reason: 'An absent block was submitted to "
+            "a queue'");
+}
+
+TEST_P(QueuesContract, Q3AQueueThatEverybodyHasDroppedStillRunsItsDelayedBlocks) {
+  Notes notes;
+  test::Event last;
+  {
+    const Queue queue = queues().makeSerialQueue("serial");
+    queue->asyncAfter(0.02, [&] {
+      notes.add("delayed");
+      last.happen();
+    });
+    queue->async([&] { notes.add("at once"); });
+  }
+  ASSERT_TRUE(subject_->runUntil(last));
+  EXPECT_THAT(notes.all(), ElementsAre("at once", "delayed"));
+}
+
+TEST_P(QueuesContract, Q3TheEndOfTheServiceDropsDelayedBlocksAndWhatTheyHold) {
+  std::vector<Queue> kept = everyKindOfQueue();
+  Notes notes;
+  auto held = std::make_shared<int>(1);
+  const std::weak_ptr<int> watched = held;
+  for (const Queue& queue : kept) {
+    // Also one that holds its own queue.
+    queue->asyncAfter(3600, [&notes, held, queue] { notes.add("ran"); });
+    settle(queue);
+  }
+  subject_->destroy();
+  for (const Queue& queue : kept) queue->asyncAfter(0, [&notes, held] { notes.add("ran"); });
+  for (const Queue& queue : kept) queue->asyncAfter(0.001, [&notes, held] { notes.add("ran"); });
+  held.reset();
+  EXPECT_THAT(notes.all(), IsEmpty());
+  EXPECT_TRUE(watched.expired()) << "a dropped block still holds what it was given";
+}
+
 // An executor as an event loop has it: it puts blocks aside until the loop comes round.
 struct HostLoop {
   DispatchQueues::Executor executor() {
@@ -323,6 +440,27 @@ TEST_P(QueuesContract, Q4TheHostsExecutorRunsTheMainQueuesBlocks) {
   EXPECT_THAT(notes.all(), IsEmpty());
   loop.comeRound();
   EXPECT_THAT(notes.all(), ElementsAre("first", "second"));
+}
+
+TEST_P(QueuesContract, Q4ADelayedBlockOfTheMainQueueComesToTheHostsLoopWhenItIsDue) {
+  std::mutex mutex;
+  std::vector<DispatchQueue::Block> blocks;
+  test::Event handed;
+  queues().setMainExecutor([&](DispatchQueue::Block block) {
+    const std::lock_guard lock(mutex);
+    blocks.push_back(std::move(block));
+    handed.happen();
+  });
+  bool ran = false;
+  const double submitted = subject_->time();
+  queues().mainQueue()->asyncAfter(0.02, [&] { ran = true; });
+  ASSERT_TRUE(subject_->runUntil(handed));
+  EXPECT_GE(subject_->time() - submitted, 0.02);
+  EXPECT_FALSE(ran);
+  const std::lock_guard lock(mutex);
+  ASSERT_EQ(blocks.size(), 1U);
+  blocks.front()();
+  EXPECT_TRUE(ran);
 }
 
 TEST_P(QueuesContract, Q4AnExecutorTakesOnlyTheMainQueue) {

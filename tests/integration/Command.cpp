@@ -5,13 +5,11 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/Value.h"
-#include "platform/linux/RapidJSONSerialization.h"
+#include "support/CommandTest.h"
 #include "support/DevServer.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
@@ -19,57 +17,12 @@
 namespace test {
 namespace {
 
-using platform::Dictionary;
 using platform::Value;
 using testing::HasSubstr;
 using testing::Not;
 
-class Command : public testing::Test {
+class Command : public CommandTest {
  protected:
-  struct Run {
-    std::string end;
-    std::string output;
-    std::string errors;
-    Dictionary report;  // with --json
-
-    std::uint64_t number(std::string_view key) const {
-      const auto value = report.objectForKey(key);
-      return value ? static_cast<std::uint64_t>(value->integerValue()) : ~std::uint64_t{0};
-    }
-  };
-
-  std::string file(const std::string& name, std::string_view text) {
-    const std::string path = home.path() + "/" + name;
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-  }
-
-  Program::Variables variables(const DevServer* server) {
-    Program::Variables all{{"KESTROVA_BUNDLE_ID", DevServer::kAppId},
-                           {"KESTROVA_HOME", home.path() + "/home"},
-                           {"KESTROVA_SECRET", DevServer::kSecret},
-                           {"KESTROVA_API_HOST", server ? server->host() : "localhost:1"}};
-    if (server) all.emplace_back("SSL_CERT_FILE", server->authorityFile());
-    return all;
-  }
-
-  Run finish(Program& program) {
-    Run result;
-    result.end = program.waitForEnd();
-    result.output = program.output();
-    result.errors = program.errors();
-    const auto value = platform::makeRapidJSONSerialization()->read(platform::Data(result.output));
-    if (value && value->isObject()) result.report = value->object();
-    return result;
-  }
-  Run run(const std::vector<std::string>& arguments, const DevServer* server = nullptr, Program::Variables more = {}) {
-    Program::Variables all = variables(server);
-    all.insert(all.end(), more.begin(), more.end());
-    Program program(binary("kestrova"), arguments, all);
-    program.closeInput();
-    return finish(program);
-  }
-
   static std::string lines(int count, int first = 0) {
     std::string text;
     for (int n = first; n < first + count; ++n)
@@ -82,8 +35,6 @@ class Command : public testing::Test {
       all.push_back(record.objectForKey("eventData")->objectForKey("n")->intValue());
     return all;
   }
-
-  TemporaryDirectory home;
 };
 
 TEST_F(Command, AThousandEventsAreDeliveredExactlyOnce) {

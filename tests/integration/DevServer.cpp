@@ -239,9 +239,48 @@ TEST_F(DevServerTest, SharesAreKeptAndFoundByTheirCodes) {
 
   const HttpAnswer found = get(server, "/shares?ids=" + other + ",unknown," + code);
   EXPECT_EQ(found.status, 200);
-  EXPECT_EQ(found.body, R"({"data":[{"id":")" + other + R"(","text":"two"},{"id":")" + code + R"(","text":"grüße 日本 😀"}]})");
+  const Value shares = *parsed(found.body).objectForKey("data");
+  ASSERT_EQ(shares.count(), 2U);
+  const auto expectShare = [](Dictionary share, const std::string& expectedCode, const std::string& expectedText) {
+    for (const char* time : {"createdAt", "updatedAt"}) {
+      EXPECT_NEAR(static_cast<double>(share.objectForKey(time).value_or(Value(0)).integerValue()),
+                  static_cast<double>(std::time(nullptr)), 60);
+      share.removeObjectForKey(time);
+    }
+    const Dictionary parts{{"userId", expectedCode.substr(0, 8)}, {"shareId", expectedCode.substr(8)}};
+    EXPECT_EQ(Value(share), Value(Dictionary{{"referralCode", parts}, {"state", 0}, {"text", expectedText}}));
+  };
+  expectShare(shares.array()[0].object(), other, "two");
+  expectShare(shares.array()[1].object(), code, "grüße 日本 😀");
   EXPECT_EQ(get(server, "/shares?ids=").body, R"({"data":[]})");
   expectRefused(get(server, "/shares"), 400, "No ids", "");
+}
+
+TEST_F(DevServerTest, SharesAreKeptInBoundedMemory) {
+  DevServer server;
+  std::vector<std::string> codes;
+  // 83 shares of 200 kB are what fits into the 16 MiB that it keeps.
+  for (int count = 0; count < 85; ++count) {
+    Request request;
+    request.target = "/shares";
+    request.body = R"({"data":{"data":{"text":")" + std::string(200'000, 'x') + R"("}}})";
+    codes.emplace_back(parsed(exchange(server, request).body).objectForKey("data")->objectForKey("id")->string().view());
+  }
+  const auto isKept = [&](const std::string& code) {
+    return parsed(get(server, "/shares?ids=" + code).body).objectForKey("data")->count() == 1;
+  };
+  EXPECT_FALSE(isKept(codes[0]));
+  EXPECT_FALSE(isKept(codes[1]));
+  EXPECT_TRUE(isKept(codes[4]));
+  EXPECT_TRUE(isKept(codes.back()));
+}
+
+TEST_F(DevServerTest, LinkOfAnUnknownShareLeadsNowhere) {
+  DevServer server;
+  const HttpAnswer answer = get(server, "/s/abcdefgh1");
+  EXPECT_EQ(answer.status, 404);
+  EXPECT_EQ(answer.body, "This link cannot be used: There is no such share\n");
+  EXPECT_THAT(verdicts(server), ElementsAre("There is no such share"));
 }
 
 TEST_F(DevServerTest, SessionStartPatchIsTaken) {
@@ -370,7 +409,7 @@ TEST_F(DevServerTest, StaleGifIsRefusedBeforeItsBodyIsRead) {
   Request request;
   request.target = "/gifs?shareId=abc123";
   request.signsBody = false;
-  request.clockOffset = 3600;
+  request.clockOffset = 3600;  // ahead; the past has eight days
   HttpsClient client(server.port(), server.authorityFile());
   ASSERT_TRUE(client.send(head(request, server, authorization(request, server), 1'000'000)));
   EXPECT_EQ(client.read().value().body, R"({"error":"Stale timestamp"})");
@@ -429,6 +468,12 @@ TEST_F(DevServerTest, BodyThatIsNoBatchIsRefused) {
   share.target = "/shares";
   share.body = R"({"data":[]})";
   expectRefused(exchange(server, share), 400, R"(\"data\" is no object)", "");
+  share.nonce = Request::nextNonce();
+  share.body = R"({"data":{"state":4}})";
+  expectRefused(exchange(server, share), 400, "The share's state is no whole number from 0 to 3", "");
+  share.nonce = Request::nextNonce();
+  share.body = std::string(256 * 1024 + 1, ' ');
+  expectRefused(exchange(server, share), 413, "Body too long", "");
   Request gif;
   gif.target = "/gifs";
   gif.signsBody = false;
@@ -465,7 +510,7 @@ TEST_F(DevServerTest, MalformedAndOversizedHeadersAreRefused) {
 TEST_F(DevServerTest, OwnPagesAreForProgramsOfThisMachine) {
   DevServer server;
   const std::string port = std::to_string(server.port());
-  for (const std::string target : {"/", "/dev/records", "/dev/behaviour"}) {
+  for (const std::string target : {"/", "/dev/records", "/dev/behaviour", "/dev/shares", "/dev/sessions"}) {
     EXPECT_EQ(exchange(server, "GET " + target + " HTTP/1.1\r\nHost: rebound.example:" + port + "\r\n\r\n").status, 403) << target;
     EXPECT_EQ(exchange(server, "GET " + target + " HTTP/1.1\r\nHost: localhost\r\nOrigin: https://a.example\r\n\r\n").status, 403);
     EXPECT_EQ(exchange(server, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + port + "\r\n\r\n").status, 200) << target;

@@ -9,15 +9,19 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "companions/KSVShare.h"
 #include "platform/URLSession.h"
+#include "platform/UserDefaults.h"
 #include "platform/linux/RapidJSONSerialization.h"
 #include "support/DevServer.h"
 #include "support/Event.h"
 #include "support/Program.h"
 #include "support/RealClient.h"
+#include "support/RecordingBrowserOpener.h"
 #include "support/TemporaryDirectory.h"
 
 namespace test {
@@ -130,6 +134,77 @@ TEST(ReferenceServer, AcceptsEveryOtherKindOfSignedRequest) {
   gif.setHTTPBody(platform::Data("GIF89a, and so on"));
   EXPECT_LT(statusOf(gif), 400);
   EXPECT_EQ(server.request(3).objectForKey("authenticated"), Value(true)) << server.request(3).description();
+}
+
+// Shares, by the client's own operations.
+
+std::shared_ptr<const KSVShare> shareOf(const std::string& userId) {
+  auto share = std::make_shared<KSVShare>();
+  share->referralCode = std::make_shared<const KSVReferralCode>(KSVReferralCode{userId, "1"});
+  share->data = Dictionary{{"text", "grüße 日本 😀"}};
+  return share;
+}
+
+TEST(ReferenceServer, AcceptsASubmittedShareAndAPatch) {
+  ReferenceServer server;
+  ASSERT_EQ(server.fault(), "");
+  RealClient client(server.host(), server.authorityFile());
+  client->submitShare(shareOf("abcdefgh"));
+  ASSERT_TRUE(client.waitForMessage("Got referral code through gif upload: abcdefgh1"));
+  expectAccepted(server.request(1), "/shares", std::nullopt);
+  client->patchPreviousSessionStarted(Dictionary{{"text", "grüße"}});
+  ASSERT_TRUE(client.waitForMessage("HTTP Response: 200 from sending Universal Link Patch event."));
+  expectAccepted(server.request(2), "/patch-previous-session-started", std::nullopt);
+}
+
+TEST(ReferenceServer, SeesNoAuthorizationOnTheRefresh) {
+  ReferenceServer server;
+  ASSERT_EQ(server.fault(), "");
+  RealClient client(server.host(), server.authorityFile());
+  Event called;
+  client->updateSharesFromServerWithCallback(KSVShares{shareOf("abcdefgh"), shareOf("ijklmnop")},
+                                             [&](const KSVShares&) { called.happen(); });
+  ASSERT_TRUE(called.wait());
+  EXPECT_EQ(server.request(1).objectForKey("path"), Value("/shares?ids=abcdefgh1,ijklmnop1"));
+  EXPECT_EQ(server.request(1).objectForKey("authorization"), Value(false));
+}
+
+/// The match link that a client of the host makes; its clock is corrected by that many seconds.
+std::string matchLink(RealClient& client, std::int64_t skew) {
+  const auto browser = std::make_shared<RecordingBrowserOpener>();
+  client.process().browserOpener = browser;
+  client.process().userDefaults->setObjectForKey(Value(skew), RealClient::kSkewKey);
+  Event ended;
+  client->tryCookieMatchWithCompletion([&](bool) { ended.happen(); });
+  while (browser->opened().empty()) std::this_thread::yield();
+  browser->answer(0, true);
+  EXPECT_TRUE(ended.wait());
+  return browser->opened().at(0).absoluteString();
+}
+
+std::int64_t statusOfLink(const std::string& link) { return statusOf(platform::URLRequest(platform::URL::URLWithString(link))); }
+
+TEST(ReferenceServer, TakesTheMatchLinkForAMinute) {
+  ReferenceServer server;
+  ASSERT_EQ(server.fault(), "");
+  RealClient client(server.host(), server.authorityFile());
+  const std::string link = matchLink(client, 0);
+  EXPECT_EQ(statusOfLink(link), 200);
+  EXPECT_EQ(server.request(1).objectForKey("authenticated"), Value(true)) << server.request(1).description();
+  // Signed for a minute that ended a moment ago.
+  EXPECT_EQ(statusOfLink(matchLink(client, -61)), 401);
+  EXPECT_EQ(server.request(2).objectForKey("error"), Value("Access expired"));
+}
+
+TEST(ReferenceServer, RefusesAMatchLinkThatWasTamperedWith) {
+  ReferenceServer server;
+  ASSERT_EQ(server.fault(), "");
+  RealClient client(server.host(), server.authorityFile());
+  std::string link = matchLink(client, 0);
+  const auto device = link.find("&deviceId=") + 10;
+  link[device] = link[device] == '0' ? '1' : '0';
+  EXPECT_EQ(statusOfLink(link), 401);
+  EXPECT_EQ(server.request(1).objectForKey("error"), Value("Bad mac"));
 }
 
 TEST(ReferenceServer, RefusesAnotherSecret) {

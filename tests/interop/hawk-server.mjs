@@ -4,7 +4,8 @@
 //
 // --credentials names a JSON file {"<id>": "<key>", …}; --offset sets the server's clock ahead of this machine's (or behind it).
 // The first line on standard output is {"port": N}; after it comes one line for each request:
-//   {"method", "path", "authenticated", "error", "status", "records"}
+//   {"method", "path", "authenticated", "authorization", "error", "status", "records"}
+// authorization says whether there was an Authorization field at all. GET /cookie-match takes signed links only.
 // error is the reference library's own text or null; records counts the elements of the body's "data" when that is an array, else null.
 // SIGTERM and SIGINT end the server.
 import { readFileSync } from 'node:fs';
@@ -78,16 +79,27 @@ async function refusalOf(request, body, { coversBody }) {
   }
 }
 
+// The library's refusal of a signed link, or null when it is genuine.
+async function refusalOfLink(request) {
+  try {
+    await Hawk.server.authenticateBewit(request, credentialsFor, { ...hawkOptions });
+    return null;
+  } catch (refusal) {
+    return refusal;
+  }
+}
+
 async function answer(request, response) {
   const body = await bodyOf(request);
   const path = request.url.split('?')[0];
-  const line = { method: request.method, path: request.url, authenticated: false, error: null, status: 200, records: recordsIn(body) };
+  const line = { method: request.method, path: request.url, authenticated: false, authorization: 'authorization' in request.headers, error: null, status: 200, records: recordsIn(body) };
   const fields = { 'content-type': mediaType };
 
-  if (!signedPaths.has(path)) {
+  const isLink = path === '/cookie-match' && request.method === 'GET';
+  if (!signedPaths.has(path) && !isLink) {
     line.status = 404;
-  } else if (request.method === 'POST') {
-    const refusal = await refusalOf(request, body, signedPaths.get(path));
+  } else if (isLink || request.method === 'POST') {
+    const refusal = isLink ? await refusalOfLink(request) : await refusalOf(request, body, signedPaths.get(path));
     line.authenticated = refusal === null;
     if (refusal) {
       line.error = refusal.message;

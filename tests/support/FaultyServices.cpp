@@ -272,6 +272,9 @@ class FaultyDispatchQueue final : public platform::DispatchQueue {
   void async(Block block) override {
     perform(*plan_, "DispatchQueue.async", inner_->label(), [&] { inner_->async(std::move(block)); });
   }
+  void asyncAfter(double seconds, Block block) override {
+    perform(*plan_, "DispatchQueue.asyncAfter", inner_->label(), [&] { inner_->asyncAfter(seconds, std::move(block)); });
+  }
   const std::string& label() const override {
     return *perform(*plan_, "DispatchQueue.label", inner_->label(), [&] { return &inner_->label(); });
   }
@@ -374,6 +377,151 @@ class FaultyURLSession final : public platform::URLSession {
   }
 
   std::shared_ptr<platform::URLSession> inner_;
+  Plan plan_;
+};
+
+using platform::BackgroundURLSessionRef;
+using platform::URLSessionTaskRef;
+
+/// A session of the platform's, and the one place where what its delegate and its handlers are given is wrapped.
+class FaultyBackgroundURLSession final : public platform::BackgroundURLSession,
+                                         public std::enable_shared_from_this<FaultyBackgroundURLSession> {
+ public:
+  FaultyBackgroundURLSession(BackgroundURLSessionRef inner, Plan plan) : inner_(std::move(inner)), plan_(std::move(plan)) {}
+
+  const platform::URLSessionConfiguration& configuration() const override { return inner_->configuration(); }
+  URLSessionTaskRef uploadTaskWithRequestFromFile(platform::URLRequest request, const URL& file) override {
+    const std::string text = request.HTTPMethod() + " " + (request.URL() ? request.URL()->absoluteString() : "(null)");
+    return wrapped(perform(*plan_, "BackgroundURLSession.uploadTask", text,
+                           [&] { return inner_->uploadTaskWithRequestFromFile(std::move(request), file); }));
+  }
+  void invalidateAndCancel() override {
+    perform(*plan_, "BackgroundURLSession.invalidateAndCancel", identifier(), [&] { inner_->invalidateAndCancel(); });
+  }
+  void getTasksWithCompletionHandler(TasksHandler handler) override {
+    perform(*plan_, "BackgroundURLSession.getTasks", identifier(),
+            [&] { inner_->getTasksWithCompletionHandler(handler ? spoilt(std::move(handler)) : nullptr); });
+  }
+
+  const BackgroundURLSessionRef& inner() const { return inner_; }
+  URLSessionTaskRef wrapped(URLSessionTaskRef task) const { return std::make_shared<FaultyURLSessionTask>(std::move(task), plan_); }
+
+ private:
+  const std::string& identifier() const { return inner_->configuration().identifier(); }
+
+  TasksHandler spoilt(TasksHandler handler) {
+    return [self = shared_from_this(), handler = std::move(handler)](auto data, auto uploads, auto downloads) {
+      const DepthScope outside(0);
+      perform(*self->plan_, "BackgroundURLSession.tasks", std::to_string(uploads.size()), [&] {
+        const DepthScope inHandler(0);
+        for (URLSessionTaskRef& task : uploads) task = self->wrapped(std::move(task));
+        handler(std::move(data), std::move(uploads), std::move(downloads));
+      });
+    };
+  }
+
+  const BackgroundURLSessionRef inner_;
+  const Plan plan_;
+};
+
+/// One decorator for one session, so that the same session is the same object. The platform's session holds its delegate, which
+/// must not hold the decorator: that holds the session.
+class FaultyBackgroundURLSessions final : public platform::BackgroundURLSessions {
+ public:
+  FaultyBackgroundURLSessions(std::shared_ptr<platform::BackgroundURLSessions> inner, Plan plan)
+      : inner_(std::move(inner)), known_(std::make_shared<Known>(std::move(plan))) {}
+
+  BackgroundURLSessionRef sessionWithConfigurationDelegateDelegateQueue(const platform::URLSessionConfiguration& configuration,
+                                                                        std::shared_ptr<platform::URLSessionDelegate> delegate,
+                                                                        std::shared_ptr<platform::DispatchQueue> queue) override {
+    if (delegate) delegate = std::make_shared<Delegate>(std::move(delegate), known_);
+    return known_->wrapped(perform(*known_->plan, "BackgroundURLSessions.session", configuration.identifier(), [&] {
+      return inner_->sessionWithConfigurationDelegateDelegateQueue(configuration, std::move(delegate), std::move(queue));
+    }));
+  }
+  // What only hosts ask is not spoilt.
+  std::optional<std::string> identifierOfLaunch() override { return inner_->identifierOfLaunch(); }
+  void notifyWhenEventsAreDelivered(const std::string& identifier, std::function<void()> handler) override {
+    inner_->notifyWhenEventsAreDelivered(identifier, std::move(handler));
+  }
+  void goOnWithInterruptedTransfers() override { inner_->goOnWithInterruptedTransfers(); }
+
+ private:
+  struct Known {
+    explicit Known(Plan itsPlan) : plan(std::move(itsPlan)) {}
+
+    std::shared_ptr<FaultyBackgroundURLSession> wrapped(const BackgroundURLSessionRef& session) {
+      const std::lock_guard lock(mutex);
+      for (auto& each : sessions)
+        if (const auto found = each.lock(); found && found->inner() == session) return found;
+      auto made = std::make_shared<FaultyBackgroundURLSession>(session, plan);
+      sessions.push_back(made);
+      return made;
+    }
+
+    const Plan plan;
+    std::mutex mutex;
+    std::vector<std::weak_ptr<FaultyBackgroundURLSession>> sessions;
+  };
+
+  class Delegate final : public platform::URLSessionDelegate {
+   public:
+    Delegate(std::shared_ptr<platform::URLSessionDelegate> inner, std::shared_ptr<Known> known)
+        : inner_(std::move(inner)), known_(std::move(known)) {}
+
+    void URLSessionTaskDidCompleteWithError(const BackgroundURLSessionRef& session, const URLSessionTaskRef& task,
+                                            const std::optional<Error>& error) override {
+      const auto wrapped = known_->wrapped(session);
+      told("taskDidComplete", error ? error->localizedDescription() : "",
+           [&] { inner_->URLSessionTaskDidCompleteWithError(wrapped, wrapped->wrapped(task), error); });
+    }
+    void URLSessionDidBecomeInvalidWithError(const BackgroundURLSessionRef& session, const std::optional<Error>& error) override {
+      told("didBecomeInvalid", error ? error->localizedDescription() : "",
+           [&] { inner_->URLSessionDidBecomeInvalidWithError(known_->wrapped(session), error); });
+    }
+    void URLSessionDidFinishEventsForBackgroundURLSession(const BackgroundURLSessionRef& session) override {
+      told("didFinishEvents", "", [&] { inner_->URLSessionDidFinishEventsForBackgroundURLSession(known_->wrapped(session)); });
+    }
+    void URLSessionDownloadTaskDidFinishDownloadingToURL(const BackgroundURLSessionRef& session, const URLSessionTaskRef& task,
+                                                         const URL& location) override {
+      inner_->URLSessionDownloadTaskDidFinishDownloadingToURL(known_->wrapped(session), task, location);
+    }
+
+   private:
+    template <class Call>
+    void told(const std::string& operation, std::string argument, Call call) {
+      const DepthScope outside(0);
+      perform(*known_->plan, "URLSessionDelegate." + operation, std::move(argument), [&] {
+        const DepthScope inOperation(0);
+        call();
+      });
+    }
+
+    const std::shared_ptr<platform::URLSessionDelegate> inner_;
+    const std::shared_ptr<Known> known_;
+  };
+
+  std::shared_ptr<platform::BackgroundURLSessions> inner_;
+  std::shared_ptr<Known> known_;
+};
+
+class FaultyBrowserOpener final : public platform::BrowserOpener {
+ public:
+  FaultyBrowserOpener(std::shared_ptr<platform::BrowserOpener> inner, Plan plan)
+      : inner_(std::move(inner)), plan_(std::move(plan)) {}
+
+  void openURL(const URL& url, Completion completion) override {
+    const std::string text = url.host().value_or("") + url.path();
+    perform(*plan_, "BrowserOpener.openURL", text, [&] {
+      inner_->openURL(url, [plan = plan_, completion = std::move(completion)](bool didOpen) mutable {
+        const DepthScope outside(0);
+        perform(*plan, "BrowserOpener.completion", didOpen ? "true" : "false", [&] { completion(didOpen); });
+      });
+    });
+  }
+
+ private:
+  std::shared_ptr<platform::BrowserOpener> inner_;
   Plan plan_;
 };
 
@@ -493,6 +641,13 @@ std::shared_ptr<platform::DispatchQueues> faulty(std::shared_ptr<platform::Dispa
 std::shared_ptr<platform::URLSession> faulty(std::shared_ptr<platform::URLSession> inner, std::shared_ptr<FaultPlan> plan) {
   return std::make_shared<FaultyURLSession>(std::move(inner), std::move(plan));
 }
+std::shared_ptr<platform::BackgroundURLSessions> faulty(std::shared_ptr<platform::BackgroundURLSessions> inner,
+                                                        std::shared_ptr<FaultPlan> plan) {
+  return std::make_shared<FaultyBackgroundURLSessions>(std::move(inner), std::move(plan));
+}
+std::shared_ptr<platform::BrowserOpener> faulty(std::shared_ptr<platform::BrowserOpener> inner, std::shared_ptr<FaultPlan> plan) {
+  return std::make_shared<FaultyBrowserOpener>(std::move(inner), std::move(plan));
+}
 std::shared_ptr<platform::Clock> faulty(std::shared_ptr<platform::Clock> inner, std::shared_ptr<FaultPlan> plan) {
   return std::make_shared<FaultyClock>(std::move(inner), std::move(plan));
 }
@@ -528,6 +683,8 @@ void makeFaulty(platform::Process& process, const std::shared_ptr<FaultPlan>& pl
   wrap(process.queues, plan);
   wrap(process.application, plan);
   wrap(process.urlSession, plan);
+  wrap(process.backgroundSessions, plan);
+  wrap(process.browserOpener, plan);
 }
 
 }  // namespace test

@@ -20,6 +20,9 @@ std::shared_ptr<platform::DataService> faulty(std::shared_ptr<platform::DataServ
 std::shared_ptr<platform::UserDefaults> faulty(std::shared_ptr<platform::UserDefaults> inner, std::shared_ptr<FaultPlan> plan);
 std::shared_ptr<platform::DispatchQueues> faulty(std::shared_ptr<platform::DispatchQueues> inner, std::shared_ptr<FaultPlan> plan);
 std::shared_ptr<platform::URLSession> faulty(std::shared_ptr<platform::URLSession> inner, std::shared_ptr<FaultPlan> plan);
+std::shared_ptr<platform::BackgroundURLSessions> faulty(std::shared_ptr<platform::BackgroundURLSessions> inner,
+                                                        std::shared_ptr<FaultPlan> plan);
+std::shared_ptr<platform::BrowserOpener> faulty(std::shared_ptr<platform::BrowserOpener> inner, std::shared_ptr<FaultPlan> plan);
 std::shared_ptr<platform::Clock> faulty(std::shared_ptr<platform::Clock> inner, std::shared_ptr<FaultPlan> plan);
 std::shared_ptr<platform::SecureRandom> faulty(std::shared_ptr<platform::SecureRandom> inner, std::shared_ptr<FaultPlan> plan);
 std::shared_ptr<platform::Digest> faulty(std::shared_ptr<platform::Digest> inner, std::shared_ptr<FaultPlan> plan);

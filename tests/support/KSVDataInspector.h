@@ -89,4 +89,30 @@ struct KSVDataInspector {
   // Server directives.
   void interpretResponseData(const platform::Value& responseData) { client->interpretResponseData(responseData); }
   void registerNotifications(const platform::Value& notifications) { client->registerNotifications(notifications); }
+
+  // Shares.
+  void submitShareAttemptNumber(std::shared_ptr<const KSVShare> share, std::int32_t attemptNumber) {
+    client->submitShareAttemptNumber(std::move(share), attemptNumber);
+  }
+  void handleSubmitShareResponse(const std::optional<platform::Data>& response) { client->handleSubmitShareResponse(response); }
+
+  // Uploads.
+  void uploadGIFForShareWithSessionConfiguration(const std::optional<platform::URL>& gifUrl,
+                                                 const std::shared_ptr<const KSVShare>& share,
+                                                 const platform::URLSessionConfiguration& configuration) {
+    client->uploadGIFForShareWithSessionConfiguration(gifUrl, share, configuration);
+  }
+  std::optional<platform::URL> createUploadHardLinkForSessionConfiguration(const platform::URL& sourceFile,
+                                                                           const platform::URLSessionConfiguration& configuration) {
+    return client->createUploadHardLinkForSessionConfiguration(sourceFile, configuration);
+  }
+  std::optional<platform::URL> uploadFileForSessionConfiguration(const platform::URLSessionConfiguration& configuration) {
+    return client->uploadFileForSessionConfiguration(configuration);
+  }
+
+  // Background sessions.
+  void endBackgroundSession(const platform::BackgroundURLSessionRef& session) { client->endBackgroundSession(session); }
+  void resumeTaskInSession(const platform::BackgroundURLSessionRef& session) { client->resumeTaskInSession(session); }
+  void startNetworkActivitySpinner() { client->startNetworkActivitySpinner(); }
+  void removeNetworkActivitySpinner() { client->removeNetworkActivitySpinner(); }
 };

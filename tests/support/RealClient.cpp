@@ -33,6 +33,8 @@ RealClient::RealClient(const std::string& host, const std::string& authorityFile
 RealClient::~RealClient() {
   client_.reset();
   // The services first, while the record is still in force: what runs on their threads reads it.
+  process_->backgroundSessions.reset();
+  process_->browserOpener.reset();
   process_->urlSession.reset();
   process_->queues.reset();
   KSVDebugger::sharedDebugger()->setListener(nullptr);

@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -28,12 +29,14 @@ class SteppedQueues::Lane {
   Lane(std::string_view text, bool isGlobal) : label(text), global(isGlobal) {}
 
   bool canRun() const { return !entries.empty() && !running; }
+  bool isIdle() const { return !running && entries.empty() && delayed == 0; }
 
   const std::string label;
   const bool global;
   bool held = true;
   bool running = false;
   std::deque<Entry> entries;
+  std::size_t delayed = 0;  // blocks whose time has not come
 };
 
 struct SteppedQueues::Shared {
@@ -50,6 +53,24 @@ struct SteppedQueues::Shared {
   void submit(Lane& lane, DispatchQueue::Block block) {
     std::lock_guard lock(mutex);
     if (!closed) lane.entries.push_back({nextNumber++, std::move(block)});
+  }
+
+  void submitAfter(std::shared_ptr<Lane> lane, double seconds, DispatchQueue::Block block) {
+    if (!(seconds > 0)) return submit(*lane, std::move(block));
+    std::lock_guard lock(mutex);
+    if (closed) return;
+    ++lane->delayed;
+    delayed.emplace(time + seconds, Delayed{std::move(lane), std::move(block)});
+  }
+
+  void advanceTime(double seconds) {
+    std::lock_guard lock(mutex);
+    time += seconds;
+    while (!delayed.empty() && delayed.begin()->first <= time) {
+      Delayed due = std::move(delayed.extract(delayed.begin()).mapped());
+      --due.lane->delayed;
+      due.lane->entries.push_back({nextNumber++, std::move(due.block)});
+    }
   }
 
   void letGo(Lane& lane) {
@@ -86,13 +107,16 @@ struct SteppedQueues::Shared {
 
   std::size_t dropAll() {
     std::deque<Lane::Entry> dropped;  // destroyed without the lock
+    std::multimap<double, Delayed> droppedToo;
     std::lock_guard lock(mutex);
+    droppedToo.swap(delayed);
     for (const auto& lane : lanes) {
       std::ranges::move(lane->entries, std::back_inserter(dropped));
       lane->entries.clear();
+      lane->delayed = 0;
     }
     forgetFinished();
-    return dropped.size();
+    return dropped.size() + droppedToo.size();
   }
 
   std::vector<std::string> pendingLabels(const Wanted& wanted) {
@@ -107,8 +131,15 @@ struct SteppedQueues::Shared {
     return labels;
   }
 
+  struct Delayed {
+    std::shared_ptr<Lane> lane;
+    DispatchQueue::Block block;
+  };
+
   std::mutex mutex;
   std::vector<std::shared_ptr<Lane>> lanes;  // in the order of their making
+  double time = 0;
+  std::multimap<double, Delayed> delayed;  // by the time at which they are due
   std::uint64_t nextNumber = 0;
   bool closed = false;
   const std::shared_ptr<RecordingUncaughtException> uncaughtException;
@@ -122,7 +153,7 @@ struct SteppedQueues::Shared {
   }
 
   void forgetFinished() {
-    std::erase_if(lanes, [](const auto& lane) { return !lane->held && !lane->running && lane->entries.empty(); });
+    std::erase_if(lanes, [](const auto& lane) { return !lane->held && lane->isIdle(); });
   }
 };
 
@@ -135,6 +166,7 @@ class SteppedQueues::Handle final : public DispatchQueue {
   ~Handle() override { shared_->letGo(*lane_); }
 
   void async(Block block) override { shared_->submit(*lane_, std::move(block)); }
+  void asyncAfter(double seconds, Block block) override { shared_->submitAfter(lane_, seconds, std::move(block)); }
   const std::string& label() const override { return lane_->label; }
   const Lane* lane() const { return lane_.get(); }
 
@@ -154,6 +186,14 @@ class SteppedQueues::Main final : public DispatchQueue {
       handle_.async(std::move(block));
     else
       hand(*executor, std::move(block));
+  }
+
+  void asyncAfter(double seconds, Block block) override {
+    const std::optional<Executor> executor = decide();
+    if (!executor)
+      handle_.asyncAfter(seconds, std::move(block));
+    else
+      handle_.asyncAfter(seconds, [this, work = std::move(block)]() mutable { async(std::move(work)); });
   }
 
   const std::string& label() const override { return handle_.label(); }
@@ -234,6 +274,15 @@ bool SteppedQueues::runNext() { return shared_->runNext(anyLane()); }
 std::size_t SteppedQueues::runAll(const Queue& queue) { return shared_->runAll(isLane(laneOf(queue))); }
 std::size_t SteppedQueues::runAll(std::string_view label) { return shared_->runAll(lanesLabelled(label)); }
 std::size_t SteppedQueues::runAll() { return shared_->runAll(anyLane()); }
+void SteppedQueues::advanceTime(double seconds) { shared_->advanceTime(seconds); }
+double SteppedQueues::time() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->time;
+}
+std::size_t SteppedQueues::delayed() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->delayed.size();
+}
 std::size_t SteppedQueues::dropAll() { return shared_->dropAll(); }
 
 std::size_t SteppedQueues::pending(const Queue& queue) const { return shared_->pendingLabels(isLane(laneOf(queue))).size(); }

@@ -3,6 +3,9 @@
 // Blocks may be submitted from any thread. A queue runs its blocks in the order of submission; between queues the test decides, or
 // takes the oldest block of all. A block that runs may itself run blocks of other queues, but never the next one of its own. Once
 // an exception has gone to the handler the process counts as dead and nothing runs any more.
+//
+// Delayed blocks wait aside until the test lets their time go by; then they queue like all others. That time is the queues' own: a
+// clock that is set changes nothing in it.
 #pragma once
 
 #include <cstddef>
@@ -42,7 +45,13 @@ class SteppedQueues final : public platform::DispatchQueues {
   std::size_t runAll(const Queue& queue);
   std::size_t runAll(std::string_view label);
   std::size_t runAll();
-  /// Drops what is queued, as the end of a process does, and counts it.
+  /// Lets that many seconds go by: delayed blocks whose time has come queue up in the order of their times. Runs nothing.
+  void advanceTime(double seconds);
+  /// Seconds that have gone by since the making.
+  double time() const;
+  /// Number of the delayed blocks whose time has not come.
+  std::size_t delayed() const;
+  /// Drops what is queued and what is delayed, as the end of a process does, and counts it.
   std::size_t dropAll();
 
   std::size_t pending(const Queue& queue) const;

@@ -51,11 +51,13 @@ class TestProcess::MessageRecorder final : public platform::SystemLog {
 
 TestProcess::TestProcess(TestProcessOptions options)
     : messages_(std::make_shared<MessageRecorder>()),
+      device_(options.device ? options.device : std::make_shared<TestDevice>()),
       userDefaults_(std::make_shared<MemoryUserDefaults>()),
-      clock_(std::make_shared<ManualClock>(kStartTime)),
+      clock_(device_->clock),
       secureRandom_(std::make_shared<FixedSecureRandom>()),
       uncaught_(std::make_shared<RecordingUncaughtException>()),
-      application_(std::make_shared<MemoryApplication>()) {
+      application_(std::make_shared<MemoryApplication>()),
+      browser_(std::make_shared<RecordingBrowserOpener>()) {
   makeFileManager(options);
   makeQueues(options);
   urlSession_ = std::make_shared<ScriptedURLSession>(*process_.queues);
@@ -71,6 +73,8 @@ TestProcess::TestProcess(TestProcessOptions options)
   process_.userDefaults = userDefaults_;
   process_.application = application_;
   process_.urlSession = urlSession_;
+  process_.backgroundSessions = device_->transfers->makeSessions(process_.queues, options.launchedFor);
+  process_.browserOpener = browser_;
   process_.debug = options.debug;
   process_.constants = {.sessionStartedKey = kSessionStarted,
                         .didCookieMatchKey = kDidCookieMatch,
@@ -93,7 +97,7 @@ TestProcess::~TestProcess() {
 
 void TestProcess::makeFileManager(const TestProcessOptions& options) {
   if (options.files == TestProcessOptions::Files::kInMemory) {
-    files_ = memoryFiles_ = std::make_shared<MemoryFileManager>();
+    files_ = memoryFiles_ = device_->files;
     return;
   }
   folder_.emplace();
@@ -127,7 +131,10 @@ SteppedQueues& TestProcess::queues() {
 void TestProcess::setTime(double secondsSince1970) {
   clock_->setNow(platform::Date::dateWithTimeIntervalSince1970(secondsSince1970));
 }
-void TestProcess::advanceTime(double seconds) { clock_->advance(seconds); }
+void TestProcess::advanceTime(double seconds) {
+  clock_->advance(seconds);
+  if (steppedQueues_) steppedQueues_->advanceTime(seconds);
+}
 
 bool TestProcess::runOne(std::string_view label) { return queues().runNext(label); }
 void TestProcess::runAll() { queues().runAll(); }

@@ -28,7 +28,9 @@
 #include "support/ManualClock.h"
 #include "support/MemoryApplication.h"
 #include "support/MemoryFileManager.h"
+#include "support/MemoryTransferService.h"
 #include "support/MemoryUserDefaults.h"
+#include "support/RecordingBrowserOpener.h"
 #include "support/RecordingSystemLog.h"
 #include "support/RecordingUncaughtException.h"
 #include "support/ScriptedURLSession.h"
@@ -36,6 +38,16 @@
 #include "support/TemporaryDirectory.h"
 
 namespace test {
+
+/// What outlives a process: the device's clock, its files and its transfer service. A second process over it is the next life of
+/// the application.
+struct TestDevice {
+  static constexpr double kStartTime = 1795205979;  // 2026-11-20T20:19:39Z
+
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(kStartTime);
+  std::shared_ptr<MemoryFileManager> files = std::make_shared<MemoryFileManager>("/application", clock);
+  std::shared_ptr<MemoryTransferService> transfers = std::make_shared<MemoryTransferService>(clock);
+};
 
 struct TestProcessOptions {
   enum class Files { kInMemory, kOnDisk };
@@ -47,6 +59,10 @@ struct TestProcessOptions {
   bool faults = true;
   bool debug = true;
   std::optional<std::string> bundleIdentifier = "com.example.app";
+  /// A device of its own when null.
+  std::shared_ptr<TestDevice> device = nullptr;
+  /// The background session for whose events the process was launched.
+  std::optional<std::string> launchedFor = std::nullopt;
 };
 
 class TestProcess {
@@ -58,7 +74,7 @@ class TestProcess {
   static constexpr const char* kApiVersion = "1";
   static constexpr const char* kApiHost = "api.example.com";
   /// Where the clock stands at first: 2026-11-20T20:19:39Z.
-  static constexpr double kStartTime = 1795205979;
+  static constexpr double kStartTime = TestDevice::kStartTime;
 
   explicit TestProcess(TestProcessOptions options = {});
   ~TestProcess();
@@ -84,9 +100,12 @@ class TestProcess {
   RecordingUncaughtException& uncaught() { return *uncaught_; }
   MemoryApplication& application() { return *application_; }
   ScriptedURLSession& urlSession() { return *urlSession_; }
+  RecordingBrowserOpener& browser() { return *browser_; }
+  MemoryTransferService& transfers() { return *device_->transfers; }
 
-  // Time.
+  // Time. Setting it is what happens to a wrong clock: no time goes by for delayed blocks.
   void setTime(double secondsSince1970);
+  /// Lets time go by; delayed blocks whose time has come queue up.
   void advanceTime(double seconds);
 
   // Stepping. Each runs blocks on the calling thread; the first says whether there was one.
@@ -139,6 +158,7 @@ class TestProcess {
 
   std::shared_ptr<FaultPlan> plan_ = std::make_shared<FaultPlan>();
   std::shared_ptr<MessageRecorder> messages_;
+  std::shared_ptr<TestDevice> device_;
   std::optional<TemporaryDirectory> folder_;  // of the variant on disk
   std::shared_ptr<MemoryFileManager> memoryFiles_;
   std::shared_ptr<platform::FileManager> files_;  // whichever is in use
@@ -149,6 +169,7 @@ class TestProcess {
   std::shared_ptr<RecordingUncaughtException> uncaught_;
   std::shared_ptr<MemoryApplication> application_;
   std::shared_ptr<ScriptedURLSession> urlSession_;
+  std::shared_ptr<RecordingBrowserOpener> browser_;
   platform::Process process_;
   std::optional<platform::Process::Scope> scope_;
 };

@@ -36,7 +36,7 @@ std::string UncaughtException::description(const std::exception_ptr& exception) 
   } catch (const std::exception& other) {
     return terminationText(readableName(typeid(other)), other.what());
   } catch (...) {
-    // Of an exception that is no std::exception nothing can be told.
+    return terminationText("unknown", "unknown");  // of an exception that is no std::exception nothing can be told
   }
   return terminationText("unknown", "unknown");
 }

@@ -3,11 +3,11 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <vector>
 
 #include "platform/linux/FileDescriptor.h"
@@ -20,23 +20,6 @@ constexpr const char* kFolderWithoutIdentifier = "@unidentified";  // '@' is nev
 constexpr const char* kDataFolder = "/.local/share";
 
 bool isAbsolute(std::string_view path) { return path.starts_with('/') && path.find('\0') == std::string_view::npos; }
-
-std::optional<std::string> absolutePathFromEnvironment(const char* variable) {
-  const char* value = std::getenv(variable);
-  if (!value || !isAbsolute(value)) return std::nullopt;
-  return std::string(withoutTrailingSlashes(value));
-}
-
-std::optional<std::string> homeFromUserDatabase() {
-  std::vector<char> buffer(1024);
-  passwd entry;
-  passwd* found = nullptr;
-  int error = 0;
-  while ((error = ::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE)
-    buffer.resize(buffer.size() * 2);
-  if (error != 0 || !found || !found->pw_dir || !isAbsolute(found->pw_dir)) return std::nullopt;
-  return std::string(withoutTrailingSlashes(found->pw_dir));
-}
 
 std::string below(std::string_view folder, std::string_view rest) { return std::string(folder == "/" ? "" : folder).append(rest); }
 
@@ -57,6 +40,23 @@ int makeDirectory(const std::string& path) {
 }
 
 }  // namespace
+
+std::optional<std::string> absolutePathFromEnvironment(const char* variable) {
+  const char* value = secure_getenv(variable);
+  if (!value || !isAbsolute(value)) return std::nullopt;
+  return std::string(withoutTrailingSlashes(value));
+}
+
+std::optional<std::string> homeFromUserDatabase() {
+  std::vector<char> buffer(1024);
+  passwd entry;
+  passwd* found = nullptr;
+  int error = 0;
+  while ((error = ::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE)
+    buffer.resize(buffer.size() * 2);
+  if (error != 0 || !found || !found->pw_dir || !isAbsolute(found->pw_dir)) return std::nullopt;
+  return std::string(withoutTrailingSlashes(found->pw_dir));
+}
 
 ApplicationFolder::ApplicationFolder(const SystemOptions& options)
     : name_(folderNameForBundleIdentifier(options.bundleIdentifier)) {

@@ -38,4 +38,10 @@ std::string folderNameForBundleIdentifier(const std::optional<std::string>& iden
 /// was there, or the system's error number.
 int makeDirectories(const std::string& path);
 
+/// The variable's path without slashes at its end; absent when the variable is unset or holds no absolute path, and in a program
+/// with more rights than whoever started it.
+std::optional<std::string> absolutePathFromEnvironment(const char* variable);
+/// The home directory of this user as the user database has it, without slashes at its end.
+std::optional<std::string> homeFromUserDatabase();
+
 }  // namespace platform

@@ -2,6 +2,7 @@
 #include "platform/linux/CurlLoop.h"
 
 #include <signal.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -38,6 +39,19 @@ std::string slotKey(const URL& url) { return *url.host() + ":" + std::to_string(
 
 }  // namespace
 
+std::optional<std::string> trustedEnvironmentText(const char* name) {
+  const char* text = secure_getenv(name);
+  return text && *text ? std::optional<std::string>(text) : std::nullopt;
+}
+
+std::string hostsWithoutProxyFromEnvironment() {
+  std::optional<std::string> listed = trustedEnvironmentText("no_proxy");
+  if (!listed) listed = trustedEnvironmentText("NO_PROXY");
+  const std::string loopback = "localhost,127.0.0.1,::1";
+  if (!listed) return loopback;
+  return *listed == "*" ? *listed : *listed + "," + loopback;
+}
+
 // Everything that belongs to the thread alone. It lives while the thread is in its loop.
 class CurlLoop::Run {
  public:
@@ -52,6 +66,8 @@ class CurlLoop::Run {
     curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kMaxConnectionsPerHost));
     curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kMaxKeptConnections);
     transferSettings_.sockets = &sockets_;
+    transferSettings_.keepsAnswerBody = settings.keepsAnswerBodies;
+    if (!settings.keepsCookies) return;
     transferSettings_.share = curl_share_init();
     curl_share_setopt(transferSettings_.share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
   }
@@ -91,6 +107,7 @@ class CurlLoop::Run {
     std::shared_ptr<CurlLoad> load;
     URLRequest request;  // of the present hop
     int redirects = 0;
+    CurlTransfer::Settings settings;
     Clock::time_point resourceDeadline;
     std::string slot;
     std::unique_ptr<CurlTransfer> transfer;  // null while the entry waits for a slot
@@ -107,9 +124,17 @@ class CurlLoop::Run {
     if (const std::optional<Error> refusal = refusalOfRequest(load->request())) return load->finish(std::unexpected(*refusal));
     auto made = std::make_unique<Entry>(load, load->request());
     Entry& entry = *made;
+    entry.settings = settingsFor(*load);
     entry.resourceDeadline = Clock::now() + settings_.resourceTimeout;
     entries_.emplace(load.get(), std::move(made));
     enqueue(entry);
+  }
+
+  CurlTransfer::Settings settingsFor(const CurlLoad& load) const {
+    CurlTransfer::Settings settings = transferSettings_;
+    if (const auto timeout = load.requestTimeout()) settings.requestTimeout = *timeout;
+    if (auto anchors = load.trustAnchorsFile()) settings.trustAnchorsFile = std::move(*anchors);
+    return settings;
   }
 
   void enqueue(Entry& entry) {
@@ -132,7 +157,7 @@ class CurlLoop::Run {
   }
 
   void startTransfer(Entry& entry, CurlTransfer::Connection connection = CurlTransfer::Connection::kAny) {
-    entry.transfer = std::make_unique<CurlTransfer>(entry.request, transferSettings_, connection);
+    entry.transfer = std::make_unique<CurlTransfer>(entry.request, entry.settings, connection, entry.load->bodySource());
     CURL* easy = entry.transfer->easy();
     curl_easy_setopt(easy, CURLOPT_PRIVATE, &entry);
     if (curl_multi_add_handle(multi_, easy) != CURLM_OK) throw std::bad_alloc();

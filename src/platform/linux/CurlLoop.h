@@ -27,9 +27,22 @@ class CurlLoad {
   virtual ~CurlLoad() = default;
   virtual const URLRequest& request() const = 0;
   virtual bool isCancelled() const = 0;
+  /// Stands in for the request's body, where the request has one; null: the body is the request's own. Must live as long as the
+  /// load.
+  virtual HTTPBodySource* bodySource() { return nullptr; }
+  /// In the place of the loop's own; asked for once.
+  virtual std::optional<std::chrono::milliseconds> requestTimeout() const { return std::nullopt; }
+  virtual std::optional<std::string> trustAnchorsFile() const { return std::nullopt; }
   /// Called once, on the loop's thread; never when the loop was stopped before.
   virtual void finish(std::expected<HTTPAnswer, Error> outcome) = 0;
 };
+
+/// A proxy of the environment is used, as the field's tools have it, but never for this machine itself.
+std::string hostsWithoutProxyFromEnvironment();
+
+/// An environment variable's text; absent when it is not set, is empty, or must not be trusted (the program has more rights than
+/// whoever started it).
+std::optional<std::string> trustedEnvironmentText(const char* name);
 
 class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
  public:
@@ -38,7 +51,9 @@ class CurlLoop : public std::enable_shared_from_this<CurlLoop> {
     std::chrono::milliseconds resourceTimeout{};
     std::uint64_t maxResponseBytes = 0;
     std::optional<std::string> trustAnchorsFile;
-    std::string hostsWithoutProxy;
+    std::string hostsWithoutProxy = hostsWithoutProxyFromEnvironment();
+    bool keepsCookies = true;
+    bool keepsAnswerBodies = true;
   };
 
   /// Starts no thread.

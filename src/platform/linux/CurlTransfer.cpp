@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <initializer_list>
 #include <new>
 #include <utility>
@@ -17,6 +16,10 @@ namespace {
 constexpr std::int64_t kURLErrorUnknown = -1;
 constexpr std::int64_t kURLErrorCannotDecodeContentData = -1016;
 constexpr std::int64_t kURLErrorCannotParseResponse = -1017;
+
+/// A body longer than this is read in pieces of this length: with the library's shorter ones the turns of the loop would cost a
+/// third of the throughput.
+constexpr long kLongBody = 512L * 1024;
 
 char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -44,9 +47,10 @@ bool isBlank(std::string_view text) { return text.find_first_not_of(" \t") == st
 
 }  // namespace
 
-CurlTransfer::CurlTransfer(const URLRequest& request, const Settings& settings, Connection connection)
+CurlTransfer::CurlTransfer(const URLRequest& request, const Settings& settings, Connection connection, HTTPBodySource* source)
     : request_(request), settings_(settings), easy_(curl_easy_init()) {
   if (!easy_) throw std::bad_alloc();
+  if (request.HTTPBody()) source_ = source ? source : &ownSource_.emplace(request.HTTPBody()->bytes());
   configureConnection();
   configureRequest();
   configureBody();
@@ -73,6 +77,7 @@ void CurlTransfer::configureConnection() {
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings_.requestTimeout.count()));
   // A cancelled transfer must not wait for the resolver's thread, and with it every other transfer of the loop.
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+  if (!settings_.share) return;
   curl_easy_setopt(easy, CURLOPT_SHARE, settings_.share);
   curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");  // no file: it only switches cookies on
 }
@@ -90,12 +95,12 @@ void CurlTransfer::configureRequest() {
 void CurlTransfer::configureBody() {
   CURL* easy = easy_.get();
   const std::string& method = request_.HTTPMethod();
-  const bool hasBody = request_.HTTPBody().has_value();
   if (method == "HEAD") {  // a body makes no sense here and would have the library wait for one in the answer
     curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-  } else if (hasBody || isOneOf(method, {"POST", "PUT", "PATCH"})) {
+  } else if (source_ || isOneOf(method, {"POST", "PUT", "PATCH"})) {
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(hasBody ? request_.HTTPBody()->length() : 0));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(source_ ? source_->length() : 0));
+    if (source_ && source_->length() > kLongBody) curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kLongBody);
   } else {
     curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
   }
@@ -157,22 +162,26 @@ std::size_t CurlTransfer::onBody(char* bytes, std::size_t size, std::size_t coun
   auto& self = *static_cast<CurlTransfer*>(context);
   self.noteProgress();
   const std::size_t length = size * count;
-  if (length > self.settings_.maxResponseBytes - self.body_.size()) {
+  if (length > self.settings_.maxResponseBytes - self.bodyBytes_) {
     self.failure_ = kURLErrorDataLengthExceedsMaximum;
     return 0;
   }
-  self.body_.append(bytes, length);
+  self.bodyBytes_ += length;
+  if (self.settings_.keepsAnswerBody) self.body_.append(bytes, length);
   return length;
 }
 
 std::size_t CurlTransfer::onWantsBody(char* buffer, std::size_t size, std::size_t count, void* context) {
   auto& self = *static_cast<CurlTransfer*>(context);
-  if (!self.request_.HTTPBody()) return 0;
-  const std::string_view rest = self.request_.HTTPBody()->bytes().substr(self.sentBytes_);
-  const std::size_t length = std::min(rest.size(), size * count);
-  std::memcpy(buffer, rest.data(), length);
-  self.sentBytes_ += length;
-  return length;
+  if (!self.source_ || self.readBytes_ == self.source_->length()) return 0;
+  const std::size_t room = std::min<std::uint64_t>(size * count, self.source_->length() - self.readBytes_);
+  auto length = self.source_->readAt(buffer, room, self.readBytes_);
+  if (!length) {
+    self.sourceFailure_ = std::move(length.error());
+    return CURL_READFUNC_ABORT;
+  }
+  self.readBytes_ += *length;
+  return *length;
 }
 
 int CurlTransfer::onProgress(void* context, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
@@ -180,6 +189,7 @@ int CurlTransfer::onProgress(void* context, curl_off_t, curl_off_t downloaded, c
   if (downloaded + uploaded != self.movedBytes_) {
     self.movedBytes_ = downloaded + uploaded;
     self.noteProgress();
+    if (self.source_) self.source_->wasSent(static_cast<std::uint64_t>(uploaded));
   }
   return 0;
 }
@@ -215,12 +225,19 @@ int CurlTransfer::onCloseSocket(void* sockets, curl_socket_t descriptor) {
 }
 
 std::expected<HTTPAnswer, Error> CurlTransfer::outcome(CURLcode code) {
-  if (code != CURLE_OK) return std::unexpected(error(code));
+  if (code != CURLE_OK && !wasAnsweredEarly(code)) return std::unexpected(error(code));
   auto response = std::make_shared<HTTPURLResponse>(*request_.URL(), head_.statusCode(), head_.fields());
   return HTTPAnswer{std::move(response), Data(String(std::exchange(body_, {})))};
 }
 
+/// A server that has seen enough answers before it has the whole body and closes: the rest then cannot be sent. Where the answer's
+/// body is of no use the answer is there.
+bool CurlTransfer::wasAnsweredEarly(CURLcode code) const {
+  return code == CURLE_SEND_ERROR && head_.isComplete() && !settings_.keepsAnswerBody;
+}
+
 Error CurlTransfer::error(CURLcode code) const {
+  if (sourceFailure_) return *sourceFailure_;
   std::int64_t mapped = kURLErrorUnknown;
   switch (code) {
     // After the request was sent it is the answer that is of no known protocol.

@@ -16,6 +16,7 @@
 #include "platform/URLRequest.h"
 #include "platform/URLResponse.h"
 #include "platform/linux/CurlSockets.h"
+#include "platform/linux/HTTPBodySource.h"
 #include "platform/linux/HTTPResponseHead.h"
 
 namespace platform {
@@ -35,14 +36,16 @@ class CurlTransfer {
     std::uint64_t maxResponseBytes = 0;
     std::optional<std::string> trustAnchorsFile;  // the system's when absent
     std::string hostsWithoutProxy;
-    CURLSH* share = nullptr;         // the cookies
+    CURLSH* share = nullptr;         // the cookies; null: none are kept or sent
+    bool keepsAnswerBody = true;     // otherwise it counts against the bound and is thrown away
     CurlSockets* sockets = nullptr;  // through which connections are opened; never null in a transfer
   };
 
   enum class Connection { kAny, kNew };
 
-  /// The request must be one that refusalOfRequest lets pass. Both references must outlive the transfer.
-  CurlTransfer(const URLRequest& request, const Settings& settings, Connection connection);
+  /// The request must be one that refusalOfRequest lets pass. A source stands in for the request's body, where the request has one.
+  /// All of them must outlive the transfer.
+  CurlTransfer(const URLRequest& request, const Settings& settings, Connection connection, HTTPBodySource* source = nullptr);
   CurlTransfer(const CurlTransfer&) = delete;
   CurlTransfer& operator=(const CurlTransfer&) = delete;
 
@@ -69,6 +72,7 @@ class CurlTransfer {
   void configureBody();
   void configureCallbacks();
   void configureFields();
+  bool wasAnsweredEarly(CURLcode code) const;
   Error error(CURLcode code) const;
   std::int64_t connectErrorCode() const;
   std::int64_t certificateErrorCode() const;
@@ -91,7 +95,11 @@ class CurlTransfer {
 
   HTTPResponseHead head_;
   std::string body_;
-  std::size_t sentBytes_ = 0;
+  std::uint64_t bodyBytes_ = 0;  // received, kept or not
+  std::optional<MemoryBodySource> ownSource_;
+  HTTPBodySource* source_ = nullptr;  // null: the request has no body
+  std::optional<Error> sourceFailure_;
+  std::uint64_t readBytes_ = 0;  // taken from the source
   curl_off_t movedBytes_ = 0;
   bool madeConnection_ = false;
   bool metClosedConnection_ = false;

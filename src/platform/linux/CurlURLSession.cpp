@@ -1,14 +1,13 @@
 // The session and its tasks over the loop.
 #include "platform/linux/CurlURLSession.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <atomic>
 #include <utility>
 
 #include "platform/Exception.h"
 #include "platform/linux/CurlLoop.h"
+#include "platform/linux/Environment.h"
 
 namespace platform {
 namespace {
@@ -84,22 +83,6 @@ class CurlURLSession final : public URLSession {
   std::atomic<std::uint64_t> lastIdentifier_{0};
 };
 
-/// An environment variable's text; absent when it is not set, is empty, or must not be trusted (the program has more rights than
-/// whoever started it).
-std::optional<std::string> environmentText(const char* name) {
-  const char* text = secure_getenv(name);
-  return text && *text ? std::optional<std::string>(text) : std::nullopt;
-}
-
-/// A proxy of the environment is used, as the field's tools have it, but never for this machine itself.
-std::string hostsWithoutProxy() {
-  std::optional<std::string> listed = environmentText("no_proxy");
-  if (!listed) listed = environmentText("NO_PROXY");
-  const std::string loopback = "localhost,127.0.0.1,::1";
-  if (!listed) return loopback;
-  return *listed == "*" ? *listed : *listed + "," + loopback;
-}
-
 }  // namespace
 
 CurlURLSessionOptions CurlURLSessionOptions::fromSystemOptions(const SystemOptions& options) {
@@ -118,8 +101,7 @@ std::shared_ptr<URLSession> makeCurlURLSession(const CurlURLSessionOptions& opti
   settings.requestTimeout = options.requestTimeout;
   settings.resourceTimeout = options.resourceTimeout;
   settings.maxResponseBytes = options.maxResponseBytes;
-  settings.trustAnchorsFile = environmentText("SSL_CERT_FILE");
-  settings.hostsWithoutProxy = hostsWithoutProxy();
+  settings.trustAnchorsFile = trustedEnvironmentText("SSL_CERT_FILE");
   return std::make_shared<CurlURLSession>(std::move(settings), queues.makeSerialQueue("NSURLSession completions"));
 }
 

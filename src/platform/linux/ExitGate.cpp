@@ -39,8 +39,8 @@ void waitWhileRunning(int value, std::chrono::nanoseconds limit) {
 void ExitGate::install() {
   if (state.installed.exchange(true)) return;
   state.process = getpid();
-  std::atexit(&ExitGate::close);
-  std::at_quick_exit(&ExitGate::close);
+  (void)std::atexit(&ExitGate::close);  // there is nobody to tell of a failure
+  (void)std::at_quick_exit(&ExitGate::close);
 }
 
 // Entering counts before it looks and closing closes before it counts, in one total order: either the worker sees the gate closed
@@ -70,7 +70,7 @@ void ExitGate::close() {
   const auto deadline = steady_clock::now() + kPatience;
   for (int running = state.running; running > own; running = state.running) {
     const auto remaining = deadline - steady_clock::now();
-    if (remaining <= remaining.zero()) return;
+    if (remaining <= steady_clock::duration::zero()) return;
     waitWhileRunning(running, remaining);
   }
 }

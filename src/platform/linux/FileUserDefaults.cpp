@@ -32,7 +32,7 @@ constexpr std::int64_t kCheckInterval = 500;  // milliseconds; another process's
 
 std::int64_t systemCoarseClock() {
   timespec now;
-  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  (void)::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 

@@ -41,7 +41,7 @@ std::optional<std::expected<URLRequest, Error>> redirection(const URLRequest& re
   if (!target) return std::nullopt;
   if (target->scheme() != "https") return std::unexpected(urlError(kURLErrorAppTransportSecurityRequiresSecureConnection));
 
-  URLRequest next(*target);
+  URLRequest next(target);
   const bool asGet = becomesGet(response.statusCode(), request.HTTPMethod());
   next.setHTTPMethod(asGet ? "GET" : request.HTTPMethod());
   if (!asGet) next.setHTTPBody(request.HTTPBody());

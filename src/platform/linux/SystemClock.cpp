@@ -7,7 +7,7 @@ namespace platform {
 
 Date SystemClock::now() {
   timespec time{};
-  clock_gettime(CLOCK_REALTIME, &time);
+  (void)clock_gettime(CLOCK_REALTIME, &time);
   return Date::dateWithTimeIntervalSince1970(static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9);
 }
 

@@ -5,6 +5,9 @@
 // says when nobody looks at the list: the submitter that replaces kUnstarted starts the thread, the one that replaces kAsleep wakes
 // it.
 //
+// A delayed block goes the same way; the worker puts it aside, in a list that is the worker's alone, and sleeps no longer than
+// until the first of them is due.
+//
 // Otherwise a submitter touches nothing of the queue once its node is in: the block may already have run and have dropped the last
 // reference to the queue with all that it held. Dropping that reference submits a last node of the queue's own, at which the worker
 // ends.
@@ -16,11 +19,15 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -32,12 +39,28 @@
 namespace platform {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using Time = Clock::time_point;
+constexpr Time kAtOnce{};
+
 struct Node {
-  explicit Node(DispatchQueue::Block work) : block(std::move(work)) {}
+  explicit Node(DispatchQueue::Block work, Time time) : due(time), block(std::move(work)) {}
 
   Node* next = nullptr;
+  Time due;
   DispatchQueue::Block block;
 };
+
+Time timeIn(double seconds) {
+  constexpr double kLongest = 1e9;  // thirty years; more would not fit the clock's range
+  if (!(seconds > 0)) return kAtOnce;
+  return Clock::now() + std::chrono::ceil<Clock::duration>(std::chrono::duration<double>(std::min(seconds, kLongest)));
+}
+
+timespec timespecOf(Time time) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+  return {seconds.time_since_epoch().count(), std::chrono::nanoseconds(time - seconds).count()};
+}
 
 // An inbox: the newest node's address or one of these.
 using Inbox = std::uintptr_t;
@@ -48,7 +71,9 @@ constexpr Inbox kClosed = 3;     // nothing runs any more
 constexpr Inbox kLastMark = kClosed;
 constexpr std::size_t kCacheLine = 64;
 
-Node* nodesOf(Inbox word) { return word > kLastMark ? reinterpret_cast<Node*>(word) : nullptr; }
+Node* nodesOf(Inbox word) {
+  return word > kLastMark ? reinterpret_cast<Node*>(word) : nullptr;  // NOLINT(performance-no-int-to-ptr): it was one
+}
 Inbox inboxOf(Node* node) { return reinterpret_cast<Inbox>(node); }
 
 Node* reversed(Node* newest) {
@@ -130,7 +155,7 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
 
   const std::string& label() const { return label_; }
 
-  void submit(DispatchQueue::Block block) { push(new Node(std::move(block))); }
+  void submit(DispatchQueue::Block block, Time due = kAtOnce) { push(new Node(std::move(block), due)); }
 
   // After the last block has run the thread ends. Without a thread there is nothing to wait for.
   void end() {
@@ -153,9 +178,9 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
     return error;
   }
 
-  void detach() { pthread_detach(thread_); }
+  void detach() const { pthread_detach(thread_); }
 
-  void join() {
+  void join() const {
     if (pthread_equal(thread_, pthread_self()))
       detach();
     else
@@ -186,10 +211,16 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
     if (priority_ == Priority::kBackground) lowerPriorityOfThisThread();
     nameThread();
     ExitGate::enter();
-    do batch_ = take();
-    while (batch_ && runBatch());
+    while (!isOver()) {
+      batch_ = take();
+      runBatch();
+      runDue();
+    }
+    delayed_.clear();  // a block that holds its own queue would keep all this alive
     ExitGate::leave();
   }
+
+  bool isOver() const { return inbox_.load(std::memory_order_relaxed) == kClosed || (ended_ && delayed_.empty()); }
 
   void nameThread() {
     constexpr std::size_t kLongest = 15;  // the system's limit; the end of a reverse-DNS label says most
@@ -197,36 +228,72 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
     pthread_setname_np(pthread_self(), label_.c_str() + start);
   }
 
-  // All that is queued, oldest first; sleeps until there is something. Null when the queue was shut.
+  // All that is queued, oldest first; sleeps until there is something. Null when the queue was shut, or when the first delayed
+  // block became due before.
   Node* take() {
     Inbox word = inbox_.load(std::memory_order_acquire);
     while (word != kClosed) {
       const Inbox next = word == kEmpty ? kAsleep : kEmpty;
       if (!inbox_.compare_exchange_weak(word, next, std::memory_order_acq_rel, std::memory_order_acquire)) continue;
       if (Node* newest = nodesOf(word)) return reversed(newest);
-      sleep();
+      const bool woken = sleep();
+      word = kAsleep;
+      if (!woken && inbox_.compare_exchange_strong(word, kEmpty)) return nullptr;
+      if (!woken) sleepUntilWoken();  // by the submitter that came just then
       word = inbox_.load(std::memory_order_acquire);
     }
     return nullptr;
   }
 
-  void sleep() {
+  // False when the first delayed block became due before somebody woke the thread.
+  bool sleep() {
     ExitGate::leave();
-    while (sem_wait(&wake_) != 0 && errno == EINTR) {
-    }
+    const bool woken = delayed_.empty() ? sleepUntilWoken() : sleepUntil(delayed_.begin()->first);
     ExitGate::enter();
+    return woken;
   }
 
-  // False when the queue's end was reached.
-  bool runBatch() {
+  bool sleepUntilWoken() {
+    while (sem_wait(&wake_) != 0 && errno == EINTR) {
+    }
+    return true;
+  }
+
+  bool sleepUntil(Time due) {
+    const timespec limit = timespecOf(due);
+    int error = 0;
+    do error = sem_clockwait(&wake_, CLOCK_MONOTONIC, &limit) == 0 ? 0 : errno;
+    while (error == EINTR);
+    return error == 0;
+  }
+
+  void runBatch() {
     while (batch_ && !crew_->isClosing()) {
-      if (batch_ == &last_) return false;
-      ExitGate::pass();
-      DispatchQueue::run(batch_->block, crew_->uncaughtException());
-      delete std::exchange(batch_, batch_->next);
+      if (batch_ == &last_)
+        ended_ = true;
+      else if (batch_->due != kAtOnce)
+        delayed_.emplace(batch_->due, std::move(batch_->block));
+      else
+        run(batch_->block);
+      Node* done = std::exchange(batch_, batch_->next);
+      if (done != &last_) delete done;
     }
     drop(std::exchange(batch_, nullptr));
-    return true;
+  }
+
+  // The delayed blocks whose time had come at the start.
+  void runDue() {
+    if (delayed_.empty()) return;
+    const Time now = Clock::now();
+    while (!delayed_.empty() && delayed_.begin()->first <= now && !crew_->isClosing()) {
+      auto first = delayed_.extract(delayed_.begin());
+      run(first.mapped());
+    }
+  }
+
+  void run(DispatchQueue::Block& block) {
+    ExitGate::pass();
+    DispatchQueue::run(block, crew_->uncaughtException());
   }
 
   void drop(Node* nodes) {
@@ -241,7 +308,9 @@ class ThreadQueues::Worker : public std::enable_shared_from_this<Worker> {
   alignas(kCacheLine) const std::shared_ptr<Crew> crew_;
   Node* batch_ = nullptr;  // what the thread has taken, from the block that is running; the thread's alone
   sem_t wake_;
-  Node last_{nullptr};
+  std::multimap<Time, DispatchQueue::Block> delayed_;  // the thread's alone
+  bool ended_ = false;                                 // nobody holds the queue any more; the thread's alone
+  Node last_{nullptr, kAtOnce};
   pthread_t thread_{};
   const std::string label_;
   const Priority priority_;
@@ -293,6 +362,7 @@ class ThreadQueues::SerialQueue final : public DispatchQueue {
   ~SerialQueue() override { worker_->end(); }
 
   void async(Block block) override { worker_->submit(std::move(block)); }
+  void asyncAfter(double seconds, Block block) override { worker_->submit(std::move(block), timeIn(seconds)); }
   const std::string& label() const override { return worker_->label(); }
 
  private:
@@ -300,7 +370,7 @@ class ThreadQueues::SerialQueue final : public DispatchQueue {
 };
 
 // The main queue: the first of an executor and a block decides who runs its blocks.
-class ThreadQueues::MainQueue final : public DispatchQueue {
+class ThreadQueues::MainQueue final : public DispatchQueue, public std::enable_shared_from_this<MainQueue> {
  public:
   explicit MainQueue(std::shared_ptr<Crew> crew) : crew_(std::move(crew)), thread_(crew_, "main") {}
   MainQueue(const MainQueue&) = delete;
@@ -310,12 +380,18 @@ class ThreadQueues::MainQueue final : public DispatchQueue {
   }
 
   void async(Block block) override {
-    const Executor* route = route_.load(std::memory_order_acquire);
-    if (!route && route_.compare_exchange_strong(route, &ownThread_)) route = &ownThread_;
+    const Executor* route = decidedRoute();
     if (route == &ownThread_)
       thread_.async(std::move(block));
     else if (!crew_->isClosing())
       hand(*route, std::move(block));
+  }
+
+  void asyncAfter(double seconds, Block block) override {
+    if (decidedRoute() == &ownThread_)
+      thread_.asyncAfter(seconds, std::move(block));
+    else
+      thread_.asyncAfter(seconds, [self = shared_from_this(), work = std::move(block)]() mutable { self->async(std::move(work)); });
   }
 
   const std::string& label() const override { return thread_.label(); }
@@ -331,6 +407,12 @@ class ThreadQueues::MainQueue final : public DispatchQueue {
   }
 
  private:
+  const Executor* decidedRoute() {
+    const Executor* route = route_.load(std::memory_order_acquire);
+    if (!route && route_.compare_exchange_strong(route, &ownThread_)) route = &ownThread_;
+    return route;
+  }
+
   void hand(const Executor& executor, Block block) {
     try {
       executor([crew = crew_, work = std::move(block)]() mutable { DispatchQueue::run(work, crew->uncaughtException()); });

@@ -4,6 +4,9 @@
 // that a fault of their own raises, so that the host's handlers run on the host's threads. A queue whose first block comes from a
 // block of the background queue inherits that one's low priority, as the system has it.
 //
+// A delayed block waits with its queue's own thread; those of the main queue wait with a thread of its own, also when the host's
+// executor then runs them.
+//
 // At exit() and quick_exit() a gate closes: no block starts any more, and the exiting thread gives the blocks that are running a
 // fifth of a second to end before it goes on to destroy static objects. The threads then sleep until the process is gone. In a
 // child made by fork the queues of the parent never run anything and are never waited for.
@@ -21,8 +24,8 @@ class ThreadQueues final : public DispatchQueues {
  public:
   /// Starts no thread.
   explicit ThreadQueues(std::shared_ptr<UncaughtException> uncaughtException);
-  /// Lets each running block end, drops the queued ones and joins the threads; blocks submitted later are dropped. Not from a
-  /// block.
+  /// Lets each running block end, drops the queued and the delayed ones and joins the threads; blocks submitted later are dropped.
+  /// Not from a block.
   ~ThreadQueues() override;
   ThreadQueues(const ThreadQueues&) = delete;
   ThreadQueues& operator=(const ThreadQueues&) = delete;

@@ -5,7 +5,10 @@
 // stand.
 #include "companions/KSVHawkAuth.h"
 
+#include <algorithm>
+#include <cctype>
 #include <limits>
+#include <vector>
 
 #include "CompanionsTest.h"
 
@@ -500,6 +503,78 @@ TEST_F(HawkTest, TheComparisonIsTheConstantTimeOne) {
   process.digest = faulty(process.digest, plan);
   EXPECT_TRUE(timeIn(R"(Hawk ts="1795205979", )" + kTsm));
   EXPECT_EQ(plan->count("Digest.constantTimeEqual"), 1u);
+}
+
+// --- Signed links.
+
+// A link of the cookie match, as the reference library signs it.
+KSVHawkAuth matchLink() {
+  KSVHawkAuth hawk;
+  hawk.setCredentials(credentials(kId, kKey));
+  hawk.setTimestamp(Date::dateWithTimeIntervalSince1970(1795209579));
+  hawk.setRequestUri("/cookie-match?appRDNS=com.example.app&deviceId=" + kDevice);
+  hawk.setHost("api.example.com");
+  hawk.setPort(443);
+  return hawk;
+}
+const std::string kBewit = "Y29tLmV4YW1wbGUuYXBwXDE3OTUyMDk1NzlcdzJ0Ujk4QkY5K3g4UUYrL0E1R2V0d2F2clFPRzU2R2k4K2JKUGVZSkgycz1c";
+
+TEST_F(HawkTest, ALinkIsSignedAsTheReferenceLibraryDoes) { EXPECT_EQ(matchLink().bewit(), kBewit); }
+
+TEST_F(HawkTest, ALinkIsOfAGetWhateverElseIsSet) {
+  KSVHawkAuth hawk = matchLink();
+  hawk.setMethod("POST");
+  hawk.setNonce("Ab3dE6gH");
+  hawk.setPayload("payload");
+  hawk.setContentType(kMediaType);
+  hawk.setApp("app");
+  hawk.setDlg("dlg");
+  EXPECT_EQ(hawk.bewit(), kBewit);
+}
+
+TEST_F(HawkTest, EveryPartOfALinkIsSigned) {
+  const auto changed = [](auto change) {
+    KSVHawkAuth hawk = matchLink();
+    change(hawk);
+    return hawk.bewit();
+  };
+  std::vector<std::optional<std::string>> all = {
+      changed([](KSVHawkAuth& hawk) { hawk.setHost("other.example.com"); }),
+      changed([](KSVHawkAuth& hawk) { hawk.setPort(8443); }),
+      changed([](KSVHawkAuth& hawk) { hawk.setRequestUri("/cookie-match?appRDNS=com.example.other"); }),
+      changed([](KSVHawkAuth& hawk) { hawk.setTimestamp(Date::dateWithTimeIntervalSince1970(1795209580)); }),
+      changed([](KSVHawkAuth& hawk) { hawk.setExt("ext"); }),
+      changed([](KSVHawkAuth& hawk) { hawk.setCredentials(credentials(kId, "another key")); }),
+      changed([](KSVHawkAuth&) {}),
+  };
+  std::ranges::sort(all);
+  EXPECT_EQ(std::ranges::adjacent_find(all), all.end());
+  EXPECT_TRUE(all.front().has_value());
+}
+
+TEST_F(HawkTest, ALinkNeedsNoEscapesInAQuery) {
+  for (int second = 0; second < 64; ++second) {
+    KSVHawkAuth hawk = matchLink();
+    hawk.setTimestamp(Date::dateWithTimeIntervalSince1970(1795209579 + second));
+    hawk.setExt("~~~???" + std::to_string(second));
+    const std::string bewit = hawk.bewit().value_or("/");
+    EXPECT_TRUE(std::ranges::all_of(bewit, [](unsigned char c) { return std::isalnum(c) || c == '-' || c == '_'; })) << bewit;
+  }
+}
+
+TEST_F(HawkTest, WhatCannotBeSignedGivesNoLink) {
+  EXPECT_FALSE(KSVHawkAuth().bewit());
+  for (const auto& bad : {credentials(kId, std::nullopt), credentials(kId, ""), credentials(std::nullopt, kKey),
+                          credentials("", kKey), credentials("a\\b", kKey), credentials("ä", kKey), credentials("a\n", kKey)}) {
+    KSVHawkAuth hawk = matchLink();
+    hawk.setCredentials(bad);
+    EXPECT_FALSE(hawk.bewit()) << bad->hawkId().value_or("absent");
+  }
+  for (const char* ext : {"a\\b", "a\"b", "a\nb", "ä"}) {
+    KSVHawkAuth hawk = matchLink();
+    hawk.setExt(ext);
+    EXPECT_FALSE(hawk.bewit()) << ext;
+  }
 }
 
 }  // namespace

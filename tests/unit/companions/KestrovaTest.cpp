@@ -15,6 +15,7 @@
 #include "support/FixedBundle.h"
 #include "support/KSVDataInspector.h"
 #include "support/MemoryUserDefaults.h"
+#include "support/RecordingBrowserOpener.h"
 #include "support/RecordingSystemLog.h"
 #include "support/ScriptedURLSession.h"
 #include "support/SteppedQueues.h"
@@ -147,6 +148,22 @@ TEST_F(KestrovaTest, TheMainExecutorIsGivenTheMainQueuesBlocks) {
   EXPECT_FALSE(ran);
   given[0]();
   EXPECT_TRUE(ran);
+}
+
+TEST_F(KestrovaTest, TheHostsBrowserTakesThePlaceOfTheSystems) {
+  process.browserOpener = std::make_shared<RecordingBrowserOpener>();
+  const auto own = std::make_shared<RecordingBrowserOpener>();
+  Kestrova::Configuration with = configuration();
+  with.browserOpener = own;
+  Kestrova::start(std::move(with));
+  EXPECT_EQ(&platform::BrowserOpener::browserOpener(), own.get());
+}
+
+TEST_F(KestrovaTest, WithoutABrowserOfTheHostsTheSystemsStays) {
+  const auto system = std::make_shared<RecordingBrowserOpener>();
+  process.browserOpener = system;
+  Kestrova::start(configuration());
+  EXPECT_EQ(&platform::BrowserOpener::browserOpener(), system.get());
 }
 
 TEST_F(KestrovaTest, AMainExecutorAfterTheMainQueuesFirstBlockRaises) {

@@ -19,7 +19,7 @@ std::string change(Behaviour& behaviour, const std::string& json) {
 std::string stateOf(const Behaviour& behaviour) { return writeJson(behaviour.state()); }
 
 const std::string kDefaults =
-    R"({"answer":null,"clock-offset":0,"close-every":0,"delay":0,"directives":{},"drop":0,"stale":null,"status":null})";
+    R"({"answer":null,"clock-offset":0,"close-every":0,"delay":0,"directives":{},"drop":0,"read-rate":0,"stale":null,"status":null})";
 
 TEST(Behaviour, StartsWellBehaved) {
   Behaviour behaviour;
@@ -30,18 +30,19 @@ TEST(Behaviour, StartsWellBehaved) {
 
 TEST(Behaviour, KeepsAndShowsEverySetting) {
   Behaviour behaviour;
-  EXPECT_EQ(change(behaviour, R"({"clock-offset": -3600, "delay": 250, "close-every": 2, "drop": 3,
+  EXPECT_EQ(change(behaviour, R"({"clock-offset": -3600, "delay": 250, "close-every": 2, "read-rate": 500, "drop": 3,
       "directives": {"features": 3}, "status": {"code": 503, "next": 4}, "stale": {"time": 17, "tsm": "missing"},
       "answer": {"status": 307, "headers": {"Location": "/shares"}, "body": "gone", "next": 5}})"),
             "");
   EXPECT_EQ(behaviour.clockOffset().count(), -3600);
   EXPECT_EQ(behaviour.delay().count(), 250);
   EXPECT_EQ(behaviour.closeEvery(), 2);
+  EXPECT_EQ(behaviour.readRate(), 500);
   EXPECT_EQ(writeJson(behaviour.directives()), R"({"features":3})");
   EXPECT_EQ(
       stateOf(behaviour),
       R"({"answer":{"body":"gone","headers":{"Location":"/shares"},"next":5,"status":307},"clock-offset":-3600,"close-every":2,)"
-      R"("delay":250,"directives":{"features":3},"drop":3,"stale":{"next":1,"time":17,"tsm":"missing"},)"
+      R"("delay":250,"directives":{"features":3},"drop":3,"read-rate":500,"stale":{"next":1,"time":17,"tsm":"missing"},)"
       R"("status":{"code":503,"next":4}})");
 }
 
@@ -55,13 +56,16 @@ TEST(Behaviour, StateCanBeGivenBack) {
 
 TEST(Behaviour, NullAndResetGoBack) {
   Behaviour behaviour;
-  const std::string all = R"({"clock-offset": 1, "delay": 1, "close-every": 1, "drop": 1, "directives": {"a": 1}, "status": 500,
+  const std::string all =
+      R"({"clock-offset": 1, "delay": 1, "close-every": 1, "read-rate": 1, "drop": 1, "directives": {"a": 1}, "status": 500,
       "answer": {}, "stale": {}})";
   ASSERT_EQ(change(behaviour, all), "");
   ASSERT_NE(stateOf(behaviour), kDefaults);
-  EXPECT_EQ(change(behaviour, R"({"clock-offset": null, "delay": null, "close-every": null, "drop": null, "directives": null,
+  EXPECT_EQ(
+      change(behaviour,
+             R"({"clock-offset": null, "delay": null, "close-every": null, "read-rate": null, "drop": null, "directives": null,
       "status": null, "answer": null, "stale": null})"),
-            "");
+      "");
   EXPECT_EQ(stateOf(behaviour), kDefaults);
   ASSERT_EQ(change(behaviour, all), "");
   behaviour.reset();
@@ -112,6 +116,7 @@ TEST(Behaviour, RefusesWhatItDoesNotUnderstandAndChangesNothing) {
       {R"({"delay": true})", "delay must be a whole number from 0 to 3600000"},
       {R"({"delay": "1"})", "delay must be a whole number from 0 to 3600000"},
       {R"({"clock-offset": 99999999999})", "clock-offset must be a whole number from -3162240000 to 3162240000"},
+      {R"({"read-rate": -1})", "read-rate must be a whole number from 0 to 2147483647"},
       {R"({"drop": -1})", "drop must be a whole number from 0 to 2147483647"},
       {R"({"status": 199})", "status's code must be a whole number from 200 to 999"},
       {R"({"status": {"next": 1}})", "status's code must be a whole number from 200 to 999"},

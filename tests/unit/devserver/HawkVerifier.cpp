@@ -286,5 +286,119 @@ TEST(HawkVerifierFreshness, StaleRequestHasUsedUpItsNonce) {
   EXPECT_EQ(outcome(verifier.verifyFreshness(ticket, milliseconds(1'000'000))), "401 Invalid nonce | Hawk error=\"Invalid nonce\"");
 }
 
+TEST(HawkVerifierUpload, EightDaysPassAMillisecondMoreDoesNot) {
+  const HawkVerifier verifier = verifierOfVectors();
+  const HawkTicket ticket = ticketFor(verifier, signedHeader("1000", "n"));
+  const auto at = [&](std::int64_t now) { return outcome(verifier.verifyUpload(ticket, milliseconds(now))); };
+  EXPECT_EQ(at(692'200'000), "taken");  // eight days are 691200 s
+  EXPECT_EQ(at(692'200'001), "401 Stale timestamp | " + staleChallenge(kKey, "692200"));
+  EXPECT_EQ(at(940'000), "taken");
+  EXPECT_EQ(at(939'999), "401 Stale timestamp | " + staleChallenge(kKey, "939"));
+}
+
+TEST(HawkVerifierUpload, NonceIsGoodUntilItIsSpent) {
+  HawkVerifier verifier = verifierOfVectors();
+  const HawkTicket ticket = ticketFor(verifier, signedHeader("1000", "n"));
+  const milliseconds now(1'000'000);
+  const std::string refused = "401 Invalid nonce | Hawk error=\"Invalid nonce\"";
+  EXPECT_EQ(outcome(verifier.verifyUpload(ticket, now)), "taken");
+  EXPECT_EQ(outcome(verifier.verifyUpload(ticket, now)), "taken");
+  EXPECT_EQ(outcome(verifier.spend(ticket)), "taken");
+  EXPECT_EQ(outcome(verifier.spend(ticket)), refused);
+  EXPECT_EQ(outcome(verifier.verifyUpload(ticket, now)), refused);
+  EXPECT_EQ(outcome(verifier.verifyFreshness(ticket, now)), refused);
+  EXPECT_EQ(outcome(verifier.verifyUpload(ticketFor(verifier, signedHeader("1000", "m")), now)), "taken");
+}
+
+TEST(HawkVerifierUpload, StaleUploadHasNotUsedUpItsNonce) {
+  HawkVerifier verifier = verifierOfVectors();
+  const HawkTicket ticket = ticketFor(verifier, signedHeader("1000", "n"));
+  EXPECT_EQ(outcome(verifier.verifyUpload(ticket, milliseconds(0))), "401 Stale timestamp | " + staleChallenge(kKey, "0"));
+  EXPECT_EQ(outcome(verifier.verifyUpload(ticket, milliseconds(1'000'000))), "taken");
+}
+
+// --- Signed links.
+
+const std::string kLinkPath = "/cookie-match?appRDNS=com.example.app&deviceId=3F2504E0-4F89-41D3-9A0C-0305E82C3301";
+/// Of the reference library, for api.example.com on the port of HTTPS; it dies at 1795209579.
+const std::string kBewit = "Y29tLmV4YW1wbGUuYXBwXDE3OTUyMDk1NzlcdzJ0Ujk4QkY5K3g4UUYrL0E1R2V0d2F2clFPRzU2R2k4K2JKUGVZSkgycz1c";
+constexpr milliseconds kLinkEnd{1795209579000};
+
+std::string linkOutcome(const std::string& target, milliseconds now = kLinkEnd - milliseconds(10'000),
+                        std::string_view host = "api.example.com", std::string_view method = "GET") {
+  return outcome(verifierOfVectors().verifyLink({method, target, host, std::nullopt}, now));
+}
+
+TEST(HawkVerifierLink, LinkOfTheReferenceLibraryIsTaken) {
+  const auto bewit = verifierOfVectors().verifyLink({"GET", kLinkPath + "&bewit=" + kBewit, "API.example.com", std::nullopt},
+                                                    kLinkEnd - milliseconds(10'000));
+  ASSERT_EQ(outcome(bewit), "taken");
+  EXPECT_EQ(bewit->id, "com.example.app");
+  EXPECT_EQ(bewit->exp, "1795209579");
+  EXPECT_EQ(bewit->mac, "w2tR98BF9+x8QF+/A5GetwavrQOG56Gi8+bJPeYJH2s=");
+  EXPECT_EQ(bewit->ext, "");
+  EXPECT_EQ(hawkLinkText(*bewit, kLinkPath, "API.example.com", "443"),
+            "hawk.1.bewit\n1795209579\n\nGET\n" + kLinkPath + "\napi.example.com\n443\n\n\n");
+}
+
+TEST(HawkVerifierLink, BewitMayStandAnywhereInTheQuery) {
+  const std::string path = "/cookie-match?";
+  const std::string query = kLinkPath.substr(path.size());
+  const auto both = query.find('&');
+  EXPECT_EQ(linkOutcome(path + "bewit=" + kBewit + "&" + query), "taken");
+  EXPECT_EQ(linkOutcome(path + query.substr(0, both) + "&bewit=" + kBewit + query.substr(both)), "taken");
+}
+
+TEST(HawkVerifierLink, DiesAtItsTime) {
+  const std::string expired = "401 Access expired | Hawk error=\"Access expired\"";
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit=" + kBewit, kLinkEnd - milliseconds(1)), "taken");
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit=" + kBewit, kLinkEnd), expired);
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit=" + kBewit, kLinkEnd + milliseconds(1)), expired);
+}
+
+TEST(HawkVerifierLink, AlteredOneIsRefused) {
+  const std::string bad = "401 Bad mac | Hawk error=\"Bad mac\"";
+  std::string another = kLinkPath;
+  another.back() = '2';
+  EXPECT_EQ(linkOutcome(another + "&bewit=" + kBewit), bad);
+  EXPECT_EQ(linkOutcome(kLinkPath + "&more=1&bewit=" + kBewit), bad);
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit=" + kBewit, kLinkEnd - milliseconds(10'000), "other.example.com"), bad);
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit=" + kBewit, kLinkEnd - milliseconds(10'000), "api.example.com:8443"), bad);
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit=" + kBewit, kLinkEnd - milliseconds(10'000), "api.example.com", "POST"),
+            "401 Invalid method | Hawk error=\"Invalid method\"");
+  // com.example.app\1795209580\ and the mac above: a longer life than was signed
+  EXPECT_EQ(linkOutcome(kLinkPath +
+                        "&bewit=Y29tLmV4YW1wbGUuYXBwXDE3OTUyMDk1ODBcdzJ0Ujk4QkY5K3g4UUYrL0E1R2V0d2F2clFPRzU2R2k4K2JKUGVZSkgycz1c"),
+            bad);
+  // com.example.xyz\1795209579\m\ .
+  EXPECT_EQ(linkOutcome("/cookie-match?bewit=Y29tLmV4YW1wbGUueHl6XDE3OTUyMDk1NzlcbVw"),
+            "401 Unknown credentials | Hawk error=\"Unknown credentials\"");
+}
+
+TEST(HawkVerifierLink, SyntaxIsStrict) {
+  const std::string none = "401 No bewit, or more than one | Hawk";
+  EXPECT_EQ(linkOutcome("/cookie-match"), none);
+  EXPECT_EQ(linkOutcome(kLinkPath), none);
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit="), none);
+  EXPECT_EQ(linkOutcome(kLinkPath + "&bewit=" + kBewit + "&bewit=" + kBewit), none);
+  const auto withBewit = [](const std::string& bewit) { return linkOutcome("/cookie-match?bewit=" + bewit); };
+  EXPECT_EQ(withBewit("a+b"), "400 Invalid bewit encoding");
+  EXPECT_EQ(withBewit(kBewit + "="), "400 Invalid bewit encoding");
+  EXPECT_EQ(withBewit("A"), "400 Invalid bewit encoding");                   // a lone digit
+  EXPECT_EQ(withBewit("YQ"), "400 Invalid bewit structure");                 // a
+  EXPECT_EQ(withBewit("YR"), "400 Invalid bewit encoding");                  // a, and bits that belong to nothing
+  EXPECT_EQ(withBewit("YVxiXGM"), "400 Invalid bewit structure");            // a\b\c
+  EXPECT_EQ(withBewit("YVxiXGNcZFxl"), "400 Invalid bewit structure");       // a\b\c\d\e
+  EXPECT_EQ(withBewit("XDFcYlw"), "400 Missing bewit attributes");           // \1\b\ .
+  EXPECT_EQ(withBewit("YVxcYlw"), "400 Missing bewit attributes");           // a\\b\ .
+  EXPECT_EQ(withBewit("YVwxXFw"), "400 Missing bewit attributes");           // a\1\\ .
+  EXPECT_EQ(withBewit("YVwwMVxiXA"), "400 Bad bewit attribute value: exp");  // a\01\b\ .
+  EXPECT_EQ(withBewit("YVwtMVxiXA"), "400 Bad bewit attribute value: exp");  // a\-1\b\ .
+  EXPECT_EQ(withBewit("YQpcMVxiXA"), "400 Bad bewit attribute value");       // a line feed in the id
+  EXPECT_EQ(outcome(verifierOfVectors().verifyLink({"GET", kLinkPath + "&bewit=" + kBewit, "api.example.com", kBatchHeader},
+                                                   kLinkEnd - milliseconds(10'000))),
+            "400 Multiple authentications");
+}
+
 }  // namespace
 }  // namespace devserver

@@ -147,6 +147,10 @@ struct TinyQueue : platform::DispatchQueue {
     reached.push_back("DispatchQueue.async");
     block();
   }
+  void asyncAfter(double, Block block) override {
+    reached.push_back("DispatchQueue.asyncAfter");
+    block();
+  }
   const std::string& label() const override { return name; }
 };
 
@@ -194,6 +198,66 @@ struct TinyURLSession : platform::URLSession {
                                                                                  CompletionHandler handler) override {
     reached.push_back("URLSession.dataTask");
     return std::make_shared<TinyTask>(reached, std::move(handler));
+  }
+};
+
+struct TinyDelegate : platform::URLSessionDelegate {
+  Reached& reached;
+  explicit TinyDelegate(Reached& list) : reached(list) {}
+  void URLSessionTaskDidCompleteWithError(const platform::BackgroundURLSessionRef&, const platform::URLSessionTaskRef&,
+                                          const std::optional<Error>&) override {
+    reached.push_back("URLSessionDelegate.taskDidComplete");
+  }
+  void URLSessionDidBecomeInvalidWithError(const platform::BackgroundURLSessionRef&, const std::optional<Error>&) override {
+    reached.push_back("URLSessionDelegate.didBecomeInvalid");
+  }
+  void URLSessionDidFinishEventsForBackgroundURLSession(const platform::BackgroundURLSessionRef&) override {
+    reached.push_back("URLSessionDelegate.didFinishEvents");
+  }
+  void URLSessionDownloadTaskDidFinishDownloadingToURL(const platform::BackgroundURLSessionRef&, const platform::URLSessionTaskRef&,
+                                                       const URL&) override {}
+};
+
+struct TinyBackgroundSession : platform::BackgroundURLSession {
+  Reached& reached;
+  platform::URLSessionConfiguration made =
+      platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("session-1");
+  explicit TinyBackgroundSession(Reached& list) : reached(list) {}
+  const platform::URLSessionConfiguration& configuration() const override { return made; }
+  platform::URLSessionTaskRef uploadTaskWithRequestFromFile(platform::URLRequest, const URL&) override {
+    reached.push_back("BackgroundURLSession.uploadTask");
+    return nullptr;
+  }
+  void invalidateAndCancel() override { reached.push_back("BackgroundURLSession.invalidateAndCancel"); }
+  void getTasksWithCompletionHandler(TasksHandler handler) override {
+    reached.push_back("BackgroundURLSession.getTasks");
+    handler({}, {nullptr}, {});
+  }
+};
+
+struct TinyBackgroundSessions : platform::BackgroundURLSessions {
+  Reached& reached;
+  std::shared_ptr<TinyBackgroundSession> session;
+  std::shared_ptr<platform::URLSessionDelegate> delegate;
+  explicit TinyBackgroundSessions(Reached& list) : reached(list), session(std::make_shared<TinyBackgroundSession>(list)) {}
+  platform::BackgroundURLSessionRef sessionWithConfigurationDelegateDelegateQueue(
+      const platform::URLSessionConfiguration&, std::shared_ptr<platform::URLSessionDelegate> given,
+      std::shared_ptr<platform::DispatchQueue>) override {
+    reached.push_back("BackgroundURLSessions.session");
+    delegate = std::move(given);
+    return session;
+  }
+  std::optional<std::string> identifierOfLaunch() override { return std::nullopt; }
+  void notifyWhenEventsAreDelivered(const std::string&, std::function<void()>) override {}
+  void goOnWithInterruptedTransfers() override {}
+};
+
+struct TinyBrowserOpener : platform::BrowserOpener {
+  Reached& reached;
+  explicit TinyBrowserOpener(Reached& list) : reached(list) {}
+  void openURL(const URL&, Completion completion) override {
+    reached.push_back("BrowserOpener.openURL");
+    completion(true);
   }
 };
 
@@ -279,6 +343,7 @@ std::string text(const std::expected<T, Error>& result) {
 
 /// A record of tiny services behind the decorators.
 struct Faulty {
+  std::shared_ptr<TinyBackgroundSessions> backgroundSessions;
   Reached reached;
   std::shared_ptr<FaultPlan> plan = std::make_shared<FaultPlan>();
   platform::Process process;
@@ -299,9 +364,35 @@ struct Faulty {
     process.queues = std::make_shared<TinyQueues>(reached);
     process.application = std::make_shared<TinyApplication>(reached);
     process.urlSession = std::make_shared<TinyURLSession>(reached);
+    backgroundSessions = std::make_shared<TinyBackgroundSessions>(reached);
+    process.backgroundSessions = backgroundSessions;
+    process.browserOpener = std::make_shared<TinyBrowserOpener>(reached);
     makeFaulty(process, plan);
   }
 
+  platform::BackgroundURLSessionRef session() {
+    return process.backgroundSessions->sessionWithConfigurationDelegateDelegateQueue(
+        backgroundSessions->session->configuration(), std::make_shared<TinyDelegate>(reached), nullptr);
+  }
+  /// The session's delegate as the platform knows it, with the platform's session.
+  std::string toldDelegate(void (*tell)(platform::URLSessionDelegate&, const platform::BackgroundURLSessionRef&)) {
+    const auto made = session();
+    tell(*backgroundSessions->delegate, backgroundSessions->session);
+    return reached.back();
+  }
+  std::string listedTasks() {
+    std::string listed = "not told";
+    session()->getTasksWithCompletionHandler(
+        [&](const auto&, const auto& uploads, const auto&) { listed = text(static_cast<std::uint64_t>(uploads.size())); });
+    return listed;
+  }
+
+  std::string browsed() {
+    std::string told = "not told";
+    process.browserOpener->openURL(*URL::URLWithString("https://api.example.com/match"),
+                                   [&](bool didOpen) { told = text(didOpen); });
+    return told;
+  }
   platform::FileManager& files() { return *process.fileManager; }
   std::shared_ptr<platform::FileHandle> handle() { return *files().openFileHandle(a, platform::FileManager::Access::kUpdating); }
   std::shared_ptr<platform::URLSessionTask> task() {
@@ -381,6 +472,13 @@ const std::map<std::string_view, Row>& rows() {
           return ran;
         },
         "ran", "not run"}},
+      {"DispatchQueue.asyncAfter",
+       {[](Faulty& f) {
+          std::string ran = "not run";
+          f.process.queues->mainQueue()->asyncAfter(1, [&] { ran = "ran"; });
+          return ran;
+        },
+        "ran", "not run"}},
       {"DispatchQueue.label",
        {[](Faulty& f) { return f.process.queues->mainQueue()->label(); }, "label", "", "DispatchQueues.mainQueue"}},
       {"URLSession.dataTask", {[](Faulty& f) { return std::string(f.task() ? "task" : "no task"); }, "task"}},
@@ -399,6 +497,36 @@ const std::map<std::string_view, Row>& rows() {
         },
         "answer 200", "not completed"}},
       {"URLSessionTask.cancel", {done([](Faulty& f) { f.task()->cancel(); }), "done", "done"}},
+      {"BackgroundURLSessions.session", {[](Faulty& f) { return f.session()->configuration().identifier(); }, "session-1", ""}},
+      {"BackgroundURLSession.uploadTask",
+       {[](Faulty& f) {
+          return text(f.session()->uploadTaskWithRequestFromFile(platform::URLRequest(std::nullopt), *f.a) != nullptr);
+        },
+        "true", ""}},
+      {"BackgroundURLSession.invalidateAndCancel", {done([](Faulty& f) { f.session()->invalidateAndCancel(); }), "done", "done"}},
+      {"BackgroundURLSession.getTasks", {[](Faulty& f) { return f.listedTasks(); }, "1", "not told"}},
+      {"BackgroundURLSession.tasks", {[](Faulty& f) { return f.listedTasks(); }, "1", "not told", "BackgroundURLSession.getTasks"}},
+      {"URLSessionDelegate.taskDidComplete",
+       {[](Faulty& f) {
+          return f.toldDelegate([](auto& delegate, const auto& session) {
+            delegate.URLSessionTaskDidCompleteWithError(session, nullptr, std::nullopt);
+          });
+        },
+        "URLSessionDelegate.taskDidComplete", "BackgroundURLSessions.session"}},
+      {"URLSessionDelegate.didBecomeInvalid",
+       {[](Faulty& f) {
+          return f.toldDelegate(
+              [](auto& delegate, const auto& session) { delegate.URLSessionDidBecomeInvalidWithError(session, std::nullopt); });
+        },
+        "URLSessionDelegate.didBecomeInvalid", "BackgroundURLSessions.session"}},
+      {"URLSessionDelegate.didFinishEvents",
+       {[](Faulty& f) {
+          return f.toldDelegate(
+              [](auto& delegate, const auto& session) { delegate.URLSessionDidFinishEventsForBackgroundURLSession(session); });
+        },
+        "URLSessionDelegate.didFinishEvents", "BackgroundURLSessions.session"}},
+      {"BrowserOpener.openURL", {[](Faulty& f) { return f.browsed(); }, "true", "not told"}},
+      {"BrowserOpener.completion", {[](Faulty& f) { return f.browsed(); }, "true", "not told", "BrowserOpener.openURL"}},
       {"Clock.now",
        {[](Faulty& f) { return text(static_cast<std::uint64_t>(f.process.clock->now().timeIntervalSince1970())); }, "7", "0"}},
       {"SecureRandom.fill",

@@ -52,6 +52,31 @@ TEST_F(SteppedQueuesTest, BetweenQueuesTheTestDecides) {
   EXPECT_THAT(notes_, ElementsAre("two, a", "one, a", "one, b"));
 }
 
+TEST_F(SteppedQueuesTest, DelayedBlocksQueueUpWhenTheTestLetsTheirTimeGoBy) {
+  const auto queue = queues_.makeSerialQueue("serial");
+  queue->asyncAfter(2, noting("two"));
+  queue->asyncAfter(1, noting("one"));
+  queues_.advanceTime(0.5);
+  queue->async(noting("at once"));
+  EXPECT_EQ(queues_.delayed(), 2u);
+  EXPECT_EQ(queues_.pending(queue), 1u);
+  queues_.advanceTime(1.5);
+  EXPECT_EQ(queues_.delayed(), 0u);
+  EXPECT_THAT(notes_, IsEmpty()) << "time runs nothing by itself";
+  EXPECT_EQ(queues_.runAll(), 3u);
+  EXPECT_THAT(notes_, ElementsAre("at once", "one", "two"));
+  EXPECT_EQ(queues_.time(), 2);
+}
+
+TEST_F(SteppedQueuesTest, DroppingTakesDelayedBlocksToo) {
+  const auto queue = queues_.makeSerialQueue("serial");
+  queue->async(noting("at once"));
+  queue->asyncAfter(1, noting("delayed"));
+  EXPECT_EQ(queues_.dropAll(), 2u);
+  queues_.advanceTime(1);
+  EXPECT_EQ(queues_.runAll(), 0u);
+}
+
 TEST_F(SteppedQueuesTest, WithoutADecisionTheOldestBlockRuns) {
   queues_.globalBackgroundQueue()->async(noting("background"));
   queues_.makeSerialQueue("serial")->async(noting("serial"));
