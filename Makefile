@@ -7,8 +7,14 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 # Passed on to ctest, e.g. make test ARGS='-R unit_queue'.
 ARGS ?=
+# For make fuzz: how long each target runs, and which (all when empty).
+SECONDS ?= 60
+TARGET ?=
+# For make simulate: how many seeds run, and from which on.
+SEEDS ?= 4000
+FIRST ?= 1
 
-.PHONY: help deps build test demo bench check check-all asan tsan clang tidy coverage format clean deps-build deps-test deps-checks
+.PHONY: help deps build test demo bench check check-all asan tsan clang tidy fuzz simulate coverage format clean deps-build deps-test deps-checks
 
 help: ## list the targets
 	@echo "Targets:"
@@ -34,10 +40,11 @@ check: deps-build deps-checks ## the fast checks: include rules, texts, formatti
 	@python3 -B tests/checks/include_rules.py .
 	@python3 -B tests/checks/platform_rows.py .
 	@python3 -B tests/checks/texts.py .
+	@python3 -B tests/checks/named_tests.py .
 	@tools/format --check
 	@echo "Include rules, texts and formatting: in order"
 
-check-all: check asan tsan tidy coverage ## the heavy checks too: sanitizers, clang-tidy, coverage
+check-all: check asan tsan tidy fuzz simulate coverage ## the heavy checks too: sanitizers, clang-tidy, fuzzers, simulation, coverage
 
 asan: deps-test ## run the tests with the address and undefined-behaviour sanitizers
 	@$(call run-tests,asan)
@@ -51,6 +58,17 @@ clang: deps-test deps-checks ## run the tests as clang 19 compiles them
 tidy: deps-build deps-checks ## run clang-tidy over src/
 	@cmake --preset clang
 	@tools/tidy
+
+fuzz: deps-test deps-checks ## run the fuzzers for a minute each: make fuzz TARGET=json SECONDS=600
+	@cmake --preset fuzz
+	@cmake --build --preset fuzz -j $(JOBS)
+	@tools/fuzz -j $(JOBS) $(SECONDS) $(TARGET)
+
+simulate: deps-test ## run the simulation: make simulate SEEDS=100000 FIRST=4001
+	@cmake --preset dev
+	@cmake --build --preset dev -j $(JOBS) --target kestrova-simulate
+	@seq 0 $$(( $(JOBS) - 1 )) | xargs -P $(JOBS) -I PART bash -c 'part=$$(( ($(SEEDS) + $(JOBS) - 1) / $(JOBS) )); \
+	  build/dev/bin/kestrova-simulate --figures --first $$(( $(FIRST) + PART * part )) --seeds $$part'
 
 coverage: deps-test deps-checks ## run the tests and report which lines they reach
 	@find build/coverage -name '*.gcda' -delete 2>/dev/null || true

@@ -87,7 +87,8 @@ class Chapter {
   }
 
  private:
-  std::unique_ptr<ChildProcess> start(const std::string& program, std::vector<std::string> arguments, const std::string& output) {
+  std::unique_ptr<ChildProcess> start(const std::string& program, const std::vector<std::string>& arguments,
+                                      const std::string& output) {
     return std::make_unique<ChildProcess>((demo_.programs / program).string(), arguments, demo_.environment,
                                           (demo_.folder / output).string());
   }

@@ -61,6 +61,7 @@ std::string summary(std::string_view line) {
 }  // namespace
 
 ExitStatus Account::exitStatus(bool badInput) const {
+  if (queueFault) return kFailed;
   if (lost > 0 || inputUnread) return kLost;
   if (kept > 0) return kKept;
   return badInput ? kBadInput : kDelivered;
@@ -128,7 +129,9 @@ std::expected<void, std::string> Host::holdHome() {
 
 std::expected<void, std::string> Host::start() {
   if (auto held = holdHome(); !held) return held;
-  if (const auto queue = inspectQueue()) waiting_ = queue->records;
+  const auto queue = inspectQueue();
+  if (!queue) return std::unexpected("cannot read the queue: " + queue.error().localizedDescription());
+  waiting_ = queue->records;
   startBesideOthers();
   return {};
 }
@@ -265,10 +268,14 @@ Account Host::account() const {
   account.delivered = traffic.delivered;
   account.interrupted = activity_->interrupted();
   account.inputUnread = timeIsUp_;
-  if (const auto queue = inspectQueue()) account.kept = queue->records;
-  const std::uint64_t found = account.delivered + account.kept;
-  const std::uint64_t all = recorded_ + waiting_;
-  account.lost = all > found ? all - found : 0;
+  if (const auto queue = inspectQueue()) {
+    account.kept = queue->records;
+    const std::uint64_t found = account.delivered + account.kept;
+    const std::uint64_t all = recorded_ + waiting_;
+    account.lost = all > found ? all - found : 0;
+  } else {
+    account.queueFault = queue.error().localizedDescription();
+  }
 
   const std::lock_guard lock(mutex_);
   account.reasons = reasons_;

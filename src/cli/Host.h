@@ -40,6 +40,7 @@ struct Account {
   std::map<std::string, std::uint64_t> reasons;  // why something was kept or lost, and how often
   bool interrupted = false;                      // by a signal
   bool inputUnread = false;                      // the time was up before the input had been read to its end
+  std::optional<std::string> queueFault;         // why the queue file could not be read at the end: kept and lost are not known
 
   ExitStatus exitStatus(bool badInput) const;
 };

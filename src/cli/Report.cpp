@@ -24,11 +24,12 @@ platform::Dictionary accountObject(const Account& account, const std::vector<Bad
   platform::Array lines;
   for (const BadLine& line : badLines)
     lines.addObject(platform::Value(platform::Dictionary{{"line", line.number}, {"reason", line.reason}}));
+  const auto known = [&account](std::uint64_t count) { return account.queueFault ? platform::Value() : platform::Value(count); };
   return {{"recorded", account.recorded},
           {"waiting", account.waiting},
           {"delivered", account.delivered},
-          {"kept", account.kept},
-          {"lost", account.lost},
+          {"kept", known(account.kept)},
+          {"lost", known(account.lost)},
           {"interrupted", account.interrupted},
           {"inputUnread", account.inputUnread},
           {"reasons", reasonsObject(account.reasons)},
@@ -63,6 +64,7 @@ void printReasons(const std::map<std::string, std::uint64_t>& reasons) {
 }
 
 void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json) {
+  if (account.queueFault) printError("cannot read the queue: " + *account.queueFault);
   if (json) {
     printJSON(accountObject(account, badLines, directives));
     return;
@@ -72,8 +74,9 @@ void printAccount(const Account& account, const std::vector<BadLine>& badLines, 
     printLine("The time was up before the input had been read to its end; what was not read is in no place.");
   std::string waiting;
   if (account.waiting > 0) waiting = fmt::format(" and {} from earlier runs", account.waiting);
-  printLine(fmt::format("{} recorded{}: {} delivered, {} kept on disk, {} lost.", counted(account.recorded, "event"), waiting,
-                        account.delivered, account.kept, account.lost));
+  const std::string fate = account.queueFault ? "what became of the others is not known"
+                                              : fmt::format("{} kept on disk, {} lost", account.kept, account.lost);
+  printLine(fmt::format("{} recorded{}: {} delivered, {}.", counted(account.recorded, "event"), waiting, account.delivered, fate));
   printReasons(account.reasons);
   for (const auto& [name, value] : directives)
     printLine(fmt::format("  The server said {} = {}", name.view(), value.description()));

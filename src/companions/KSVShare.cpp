@@ -42,6 +42,9 @@ class Reader {
     const Value* value = member(key);
     if (!value) return std::nullopt;
     if (value->kind() == Value::Kind::kDouble) return Date::dateWithTimeIntervalSince1970(value->number());
+    // A whole number of seconds may be written without a fraction, however large it is.
+    if (value->kind() == Value::Kind::kUnsigned)
+      return Date::dateWithTimeIntervalSince1970(static_cast<double>(value->unsignedInteger()));
     if (!expect(value->kind() == Value::Kind::kSigned)) return std::nullopt;
     return Date::dateWithTimeIntervalSince1970(static_cast<double>(value->signedInteger()));
   }

@@ -12,7 +12,6 @@
 namespace devserver {
 namespace {
 
-using platform::Array;
 using platform::Dictionary;
 using platform::Value;
 

@@ -46,7 +46,9 @@ std::string newShareId() {
 
 Value secondsOf(std::chrono::milliseconds time) { return Value(static_cast<double>(time.count()) / 1000); }
 
-bool isNumber(const Value& value) { return value.kind() == Value::Kind::kSigned || value.kind() == Value::Kind::kDouble; }
+bool isNumber(const Value& value) {
+  return value.kind() == Value::Kind::kSigned || value.kind() == Value::Kind::kUnsigned || value.kind() == Value::Kind::kDouble;
+}
 bool isState(const Value& value) {
   return value.kind() == Value::Kind::kSigned && value.signedInteger() >= 0 &&
          value.signedInteger() < static_cast<std::int64_t>(kStateNames.size());

@@ -121,10 +121,10 @@ struct SystemOptions {
   std::optional<std::string> transferServicePath = std::nullopt;
   /// The command, an absolute path first, that the transfer service launches this application with when uploads have ended and the
   /// application is not running. Empty: it is not launched, and hears of their end when it runs again.
-  std::vector<std::string> launchCommand = {};
+  std::vector<std::string> launchCommand = {};  // NOLINT(readability-redundant-member-init): hosts name some members only
 };
 
 /// The real services of this machine. Starts no thread and touches no file. Defined by the platform that is built for.
-std::unique_ptr<Process> makeSystemProcess(SystemOptions options);
+std::unique_ptr<Process> makeSystemProcess(const SystemOptions& options);
 
 }  // namespace platform

@@ -22,7 +22,11 @@ std::optional<std::string> joinedIdentifiers(const KSVShares& shares) {
   std::optional<std::string> joined;
   for (const auto& share : shares) {
     if (!share || !share->referralCode || !share->referralCode->userId) continue;
-    joined = (joined ? *joined + "," : "") + share->referralCode->description();
+    if (joined)
+      joined->push_back(',');
+    else
+      joined.emplace();
+    joined->append(share->referralCode->description());
   }
   return joined;
 }

@@ -11,6 +11,7 @@ sys.dont_write_bytecode = True
 import cxx_source  # noqa: E402
 import global_constructors  # noqa: E402
 import include_rules  # noqa: E402
+import named_tests  # noqa: E402
 import platform_rows  # noqa: E402
 import texts  # noqa: E402
 
@@ -284,6 +285,15 @@ class GlobalConstructors(Tree):
 
     def test_a_stream_header_s_hidden_object_is_found(self):
         self.assertEqual(1, len(self.library("#include <iostream>\nint f() { return 1; }\n")[0]))
+
+
+class NamedTests(Tree):
+    def test_names_that_are_there_pass_and_others_are_found(self):
+        self.write("tests/a/One.cpp", "TEST(One, Works) {}\nTEST_P(Two, Works) {}\n")
+        suites = named_tests.tests_below(self.root / "tests")
+        self.assertEqual([], named_tests.faults("`One.Works`, `Two.*`, `file.json`\n", suites))
+        found = named_tests.faults("fine\n`One.Fails` and `Three.*`\n", suites)
+        self.assertEqual(["line 2: no test is called One.Fails", "line 2: no test is called Three.*"], found)
 
 
 class CxxSource(unittest.TestCase):

@@ -128,6 +128,8 @@ struct TwinSubject : Subject {
     service->start();
     service->tick();
     service->answerUpload(200);
+    clock->advance(1);  // until then it would wait for an application that runs
+    service->tick();
     ASSERT_EQ(service->launches().size(), 1u);
     EXPECT_EQ(service->launches().front().session, session);
     begin(session);
@@ -144,8 +146,8 @@ struct TwinSubject : Subject {
   platform::Process record;
   std::optional<platform::Process::Scope> scope;
   std::shared_ptr<test::RecordingUncaughtException> uncaught = std::make_shared<test::RecordingUncaughtException>();
-  std::shared_ptr<test::MemoryTransferService> service =
-      std::make_shared<test::MemoryTransferService>(std::make_shared<test::ManualClock>());
+  std::shared_ptr<test::ManualClock> clock = std::make_shared<test::ManualClock>();
+  std::shared_ptr<test::MemoryTransferService> service = std::make_shared<test::MemoryTransferService>(clock);
   std::shared_ptr<test::SteppedQueues> queues;
   std::shared_ptr<platform::BackgroundURLSessions> made;
 };

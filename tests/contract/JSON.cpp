@@ -390,6 +390,14 @@ TEST_F(JSONJ9, ANumberBeyondTheDoublesIsAnError) {
   }
 }
 
+/// A sum of the exponent and the places before the first digit used to leave 64 bits, and the number was refused as too large.
+TEST_F(JSONJ9, ATinyNumberWithAnExponentAtTheEndOf64BitsIsZero) {
+  for (const char* text : {"0.001e-9223372036854775807", "0.001e-9223372036854775808", "0.001e-9223372036854775809"}) {
+    EXPECT_EQ(readInside(text), Value(0.0)) << text;
+    EXPECT_EQ(readInside("-" + std::string(text)), Value(-0.0)) << text;
+  }
+}
+
 /// The one gap: the reader judges a number by its exponent before it looks at the digits, so that a few texts that mean a small
 /// number in a roundabout way are refused. None is ever misread.
 TEST_F(JSONJ9, RoundaboutNumbersAreRefused) {

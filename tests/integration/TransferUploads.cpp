@@ -1,4 +1,5 @@
-// Uploads of files over the real loop, against a server that a test programs: what it receives, and how each way of failing ends.
+// Uploads of files over the real loop, against a server that a test programs: what it receives, and how each way of failing ends
+// (platform row B3).
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

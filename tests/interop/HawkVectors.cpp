@@ -343,8 +343,9 @@ KSVHawkAuth requestTo(const HawkServer& server, const std::string& uri, std::str
 }
 
 Value lineOf(const std::string& path, std::int64_t status, const Value& error, const Value& records) {
-  return Dictionary{{"method", "POST"}, {"path", path},     {"authenticated", error.isNull()},
-                    {"error", error},   {"status", status}, {"records", records}};
+  return Dictionary{{"method", "POST"},      {"path", path},   {"authenticated", error.isNull()},
+                    {"authorization", true}, {"error", error}, {"status", status},
+                    {"records", records}};
 }
 
 TEST_F(HawkVectors, TheReferenceServerTakesEachSignedPathOverHttps) {

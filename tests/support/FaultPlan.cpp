@@ -33,7 +33,7 @@ constexpr Operation kOperations[] = {
     {.name = "FileHandle.readDataToEndOfFile", .raises = true, .yieldsEmpty = true},
     {.name = "FileHandle.writeData", .raises = true, .writesShort = true},
     {.name = "FileHandle.synchronizeFile", .raises = true},
-    {.name = "FileHandle.closeFile"},
+    {.name = "FileHandle.closeFile", .neverRaises = true},
     {.name = "JSON.write", .fails = true, .raises = true, .yieldsEmpty = true},
     {.name = "JSON.read", .fails = true},
     {.name = "Data.subdata", .raises = true, .yieldsEmpty = true},
@@ -112,7 +112,8 @@ struct FaultPlan::Rule {
 
   bool concerns(const Operation& called) const {
     if (kind == Kind::kBreak) return called.fails || called.raises;
-    return operation == kAnyOperation || operation == called.name;
+    if (operation == kAnyOperation) return kind != Kind::kThrow || !called.neverRaises;
+    return operation == called.name;
   }
 
   /// Counts a call; true when it is one of those meant.
@@ -176,10 +177,16 @@ void FaultPlan::yieldEmpty(std::string_view operation, Calls calls) {
   add(operation, std::move(calls), std::move(rule));
 }
 
-void FaultPlan::breakCall(std::uint64_t k) {
+void FaultPlan::breakCalls(Calls calls) {
   auto rule = std::make_unique<Rule>();
   rule->kind = Rule::Kind::kBreak;
-  add(kAnyOperation, nth(k), std::move(rule));
+  add(kAnyOperation, std::move(calls), std::move(rule));
+}
+
+void FaultPlan::leaveOut(std::string_view operation, std::string argument) {
+  operationNamed(operation);
+  const std::lock_guard lock(mutex_);
+  leftOut_.push_back({std::string(operation), std::move(argument)});
 }
 
 std::optional<std::string> FaultPlan::brokenCall() const {
@@ -204,6 +211,7 @@ void FaultPlan::after(std::string_view operation, Calls calls, std::function<voi
 void FaultPlan::clear() {
   std::lock_guard lock(mutex_);
   rules_.clear();
+  leftOut_.clear();
   brokenCall_.reset();
 }
 
@@ -268,12 +276,17 @@ std::function<void()> FaultPlan::guarded(std::shared_ptr<Rule> rule) {
 
 FaultPlan::Fate FaultPlan::begin(std::string_view operation, std::string argument) {
   const Operation& called = operationNamed(operation);
+  if (decider_) return decider_(called, argument);
   Fate fate;
   std::vector<std::function<void()>> before;
   std::shared_ptr<Rule> decisive;
   {
     std::lock_guard lock(mutex_);
+    const bool isLeftOut = std::ranges::any_of(leftOut_, [&](const Call& each) {
+      return each.operation == operation && (each.argument.empty() || argument.find(each.argument) != std::string::npos);
+    });
     for (const auto& rule : rules_) {
+      if (isLeftOut && rule->operation == kAnyOperation) continue;
       if (!rule->takes(called, argument)) continue;
       if (rule->isHook())
         (rule->kind == Rule::Kind::kBefore ? before : fate.after).push_back(guarded(rule));
@@ -281,7 +294,7 @@ FaultPlan::Fate FaultPlan::begin(std::string_view operation, std::string argumen
         decisive = rule;
     }
     log_.push_back({std::string(operation), std::move(argument)});
-    if (decisive && decisive->kind == Rule::Kind::kBreak) brokenCall_ = log_.back().text();
+    if (decisive && decisive->kind == Rule::Kind::kBreak && !brokenCall_) brokenCall_ = log_.back().text();
   }
 
   for (const auto& hook : before) hook();

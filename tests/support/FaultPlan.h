@@ -15,6 +15,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/Error.h"
@@ -29,6 +30,7 @@ struct Operation {
   bool fails = false;        // has an error to give
   bool raises = false;       // raises by contract
   bool writesShort = false;  // can stop in the middle of its bytes
+  bool neverRaises = false;  // by contract, and destructors rely on it: a raise of any operation leaves it out
   bool yieldsEmpty = false;  // can come back with nothing: absent, empty, 0 or false
 };
 
@@ -78,9 +80,16 @@ class FaultPlan {
   /// The call has no effect and comes back with nothing: absent, empty, 0 or false.
   void yieldEmpty(std::string_view operation, Calls calls);
   /// For sweeps: the k-th of all calls that can go wrong by contract does, with an error where it has one, else by a raise.
-  void breakCall(std::uint64_t k);
-  /// How the sweep's call went wrong, such as `FileManager.copyItem event-queue.json`; absent while none has: the sweep is over.
+  void breakCall(std::uint64_t k) { breakCalls(nth(k)); }
+  /// The same for several of them: with fromNth(k) it breaks for good.
+  void breakCalls(Calls calls);
+  /// How the sweep's call went wrong, such as `FileManager.copyItem event-queue.json`, the first time; absent while none has: the
+  /// sweep is over.
   std::optional<std::string> brokenCall() const;
+
+  /// Rules for any operation leave these calls alone, those with the argument text only when one is given: the twin of another
+  /// process works through the same services.
+  void leaveOut(std::string_view operation, std::string argument = {});
 
   // Hooks, to put something else between two calls. Not run again by calls that the hook itself makes.
 
@@ -119,14 +128,21 @@ class FaultPlan {
   /// Writes the call down and runs the hooks before it; throws when the call is to raise.
   Fate begin(std::string_view operation, std::string argument);
 
+  /// Has every fate drawn by a simulation, in the place of rules, hooks and log. It may throw what the call is to throw. To be
+  /// given before the first call.
+  using Decider = std::function<Fate(const Operation& called, const std::string& argument)>;
+  void decideBy(Decider decider) { decider_ = std::move(decider); }
+
  private:
   struct Rule;
 
   void add(std::string_view operation, Calls calls, std::unique_ptr<Rule> rule);
   std::function<void()> guarded(std::shared_ptr<Rule> rule);
 
+  Decider decider_;
   mutable std::mutex mutex_;  // guards all below; not held while a hook runs
   std::vector<std::shared_ptr<Rule>> rules_;
+  std::vector<Call> leftOut_;
   std::vector<Call> log_;
   std::optional<std::string> brokenCall_;
 };

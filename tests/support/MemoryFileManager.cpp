@@ -118,6 +118,41 @@ void revertTree(Node& node) {
   for (const auto& [name, child] : node.entries) revertTree(*child);
 }
 
+using Lot = std::function<std::size_t(std::size_t bound)>;
+
+std::string bytesLeft(const std::string& lasting, const std::string& live, const Lot& lot) {
+  switch (lot(3)) {
+    case 0:
+      return lasting;
+    case 1:
+      return live;
+    default: {
+      const std::size_t written = lot(live.size() + 1);
+      return live.substr(0, written) + (written < lasting.size() ? lasting.substr(written) : "");
+    }
+  }
+}
+
+void cutTree(Node& node, const Lot& lot) {
+  if (node.bytes != node.lastingBytes) node.bytes = bytesLeft(node.lastingBytes, node.bytes, lot);
+  auto names = node.lastingEntries;
+  names.insert(node.entries.begin(), node.entries.end());
+  for (const auto& [name, either] : names) {
+    const auto live = node.entries.find(name);
+    const auto lasting = node.lastingEntries.find(name);
+    const NodePointer before = lasting == node.lastingEntries.end() ? nullptr : lasting->second;
+    const NodePointer after = live == node.entries.end() ? nullptr : live->second;
+    if (before == after) continue;
+    const NodePointer left = lot(2) == 0 ? before : after;
+    if (left)
+      node.entries[name] = left;
+    else
+      node.entries.erase(name);
+  }
+  node.synchronize();
+  for (const auto& [name, child] : node.entries) cutTree(*child, lot);
+}
+
 }  // namespace
 
 class MemoryFileManager::Disk {
@@ -516,6 +551,11 @@ void MemoryFileManager::synchronizeAll() {
 void MemoryFileManager::powerCut() {
   const std::lock_guard lock(disk_->mutex);
   revertTree(*disk_->root);
+}
+
+void MemoryFileManager::powerCut(const std::function<std::size_t(std::size_t)>& lot) {
+  const std::lock_guard lock(disk_->mutex);
+  cutTree(*disk_->root, lot);
 }
 
 }  // namespace test

@@ -5,6 +5,7 @@
 // bytes last when they were synchronised, a name when its directory was.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +58,9 @@ class MemoryFileManager : public platform::FileManager {
   void synchronizeAll();
   /// Only what lasts is left.
   void powerCut();
+  /// The same, but what was not synchronised may be there all the same: each name by lot, and of each file's new bytes none, all,
+  /// or those up to a point. The lot is drawn from 0 up to, not including, its bound.
+  void powerCut(const std::function<std::size_t(std::size_t bound)>& lot);
 
  private:
   class Disk;

@@ -47,7 +47,7 @@ std::optional<std::string> trustedEnvironmentText(const char* name) {
 std::string hostsWithoutProxyFromEnvironment() {
   std::optional<std::string> listed = trustedEnvironmentText("no_proxy");
   if (!listed) listed = trustedEnvironmentText("NO_PROXY");
-  const std::string loopback = "localhost,127.0.0.1,::1";
+  std::string loopback = "localhost,127.0.0.1,::1";
   if (!listed) return loopback;
   return *listed == "*" ? *listed : *listed + "," + loopback;
 }
@@ -55,12 +55,11 @@ std::string hostsWithoutProxyFromEnvironment() {
 // Everything that belongs to the thread alone. It lives while the thread is in its loop.
 class CurlLoop::Run {
  public:
-  explicit Run(const Settings& settings) : settings_(settings) {
+  explicit Run(const Settings& settings) : settings_(settings), multi_(initializeLibrary() ? curl_multi_init() : nullptr) {
     transferSettings_.requestTimeout = settings.requestTimeout;
     transferSettings_.maxResponseBytes = settings.maxResponseBytes;
     transferSettings_.trustAnchorsFile = settings.trustAnchorsFile;
     transferSettings_.hostsWithoutProxy = settings.hostsWithoutProxy;
-    multi_ = initializeLibrary() ? curl_multi_init() : nullptr;
     if (!multi_) throw std::bad_alloc();  // there is no other reason, and nobody could be told: the process ends
     curl_multi_setopt(multi_, CURLMOPT_PIPELINING, long{CURLPIPE_NOTHING});
     curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kMaxConnectionsPerHost));
@@ -83,7 +82,7 @@ class CurlLoop::Run {
 
   void accept(Job job) {
     if (job.kind == Job::Kind::kStart)
-      begin(std::move(job.load));
+      begin(job.load);
     else if (const auto entry = entries_.find(job.load.get()); entry != entries_.end())
       end(*entry->second, std::unexpected(urlError(kURLErrorCancelled)));
   }
@@ -118,7 +117,7 @@ class CurlLoop::Run {
     std::deque<Entry*> waiting;
   };
 
-  void begin(std::shared_ptr<CurlLoad> load) {
+  void begin(const std::shared_ptr<CurlLoad>& load) {
     // A cancellation from another thread can come into the inbox before the start.
     if (load->isCancelled()) return load->finish(std::unexpected(urlError(kURLErrorCancelled)));
     if (const std::optional<Error> refusal = refusalOfRequest(load->request())) return load->finish(std::unexpected(*refusal));

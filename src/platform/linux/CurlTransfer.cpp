@@ -121,7 +121,8 @@ void CurlTransfer::configureFields() {
     if (isOneOf(name, {"Cookie"}))
       curl_easy_setopt(easy_.get(), CURLOPT_COOKIE, value.c_str());  // goes out in one field with the session's cookies
     else
-      append(isBlank(value) ? name + ";" : name + ": " + value);  // a name with a semicolon is a field without a value
+      append(isBlank(value) ? name + ";"
+                            : std::string(name).append(": ").append(value));  // a name with a semicolon is a field without a value
   }
   for (const char* own : {"Accept", "Content-Type", "Expect", "User-Agent"})
     if (!request_.valueForHTTPHeaderField(own))

@@ -73,6 +73,15 @@ bool holdsTasks(const std::string& spool) {
   return found;
 }
 
+/// What the service would not take, or would take for something else, would never end: nobody could tell the application.
+std::expected<void, Error> checkThatServiceTakes(const transfer::SpoolEntry& entry, const std::string& text) {
+  const auto taken = transfer::decodeSpoolEntry(text);
+  if (taken && *taken == entry) return {};
+  const std::string reason = taken ? "a text is not UTF-8" : taken.error();
+  return std::unexpected(
+      Error(kCocoaErrorDomain, kFileWriteUnknown, "The upload couldn’t be handed to the transfer service: " + reason + "."));
+}
+
 // A service that ends in peace takes its socket away, so a socket that nobody listens at is what a sudden end has left.
 bool isSocketAbandoned(const TransferDirectory& directory) {
   struct stat status;
@@ -108,13 +117,15 @@ std::expected<void, Error> FileTransferSpool::write(transfer::SpoolEntry entry) 
   const auto directory = TransferDirectory::open(*directory_);
   if (!directory) return std::unexpected(directory.error());
   const std::string counter = counterPath(identity->folder);
-  if (const int error = synchronizeFile(counter)) return std::unexpected(fileWritingError(error, counter, false));
-
   entry.application = *std::move(identity);
   entry.launchCommand = launchCommand_;
+  const std::string text = encode(entry);
+  if (auto taken = checkThatServiceTakes(entry, text); !taken) return taken;
+  if (const int error = synchronizeFile(counter)) return std::unexpected(fileWritingError(error, counter, false));
+
   const std::string name = randomHexadecimal(*random_, 16);
   const std::string unseen = directory->spool() + "/." + name;
-  if (const auto written = writeNewFile(unseen, encode(entry)); !written) return written;
+  if (const auto written = writeNewFile(unseen, text); !written) return written;
   const std::string path = directory->spool() + "/" + name + std::string(transfer::kSpoolSuffix);
   if (::rename(unseen.c_str(), path.c_str()) != 0) {
     const int error = errno;

@@ -41,7 +41,8 @@ bool isTooLarge(std::string_view text) {
   std::int64_t shift = 0;
   if (std::from_chars(exponent.data(), exponent.data() + exponent.size(), shift).ec == std::errc::result_out_of_range)
     return !exponent.starts_with('-');
-  return static_cast<std::int64_t>(point) - static_cast<std::int64_t>(first) + shift > 0;
+  // The exponent may be any 64-bit number: the places are compared with it, as a sum of the two may not fit.
+  return shift > static_cast<std::int64_t>(first) - static_cast<std::int64_t>(point);
 }
 
 /// The double that is nearest to a JSON number; absent when it would be infinite.

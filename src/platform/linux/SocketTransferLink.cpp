@@ -33,11 +33,11 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds kFirstWait{10};  // the service that was just started answers soon
 constexpr milliseconds kLongestWait{60'000};
-constexpr milliseconds kWaitForService{5'000};  // before it is started once more
-constexpr int kTriesWithoutNeed = 10;           // of a link that was asked for but is needed for nothing yet
-constexpr milliseconds kPatience{10'000};       // for the service's welcome
-constexpr milliseconds kShortLife{5'000};       // of a connection that breaks again and again
-constexpr milliseconds kLongestWaitAfterLife{1'000};
+constexpr milliseconds kWaitForService{5'000};      // before it is started once more
+constexpr int kTriesWithoutNeed = 10;               // of a link that was asked for but is needed for nothing yet
+constexpr milliseconds kPatience{10'000};           // for the service's welcome
+constexpr milliseconds kShortLife{5'000};           // of a connection that breaks again and again
+constexpr milliseconds kLongestWaitAfterLife{500};  // shorter than the service waits before it launches applications
 
 // Doubled with each time in a row.
 milliseconds growingWait(int times, milliseconds longest) {

@@ -1,4 +1,9 @@
 // The real services of this machine, put together.
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <system_error>
+
 #include "platform/Process.h"
 #include "platform/linux/AbortingUncaughtException.h"
 #include "platform/linux/CurlURLSession.h"
@@ -24,6 +29,15 @@
 namespace platform {
 namespace {
 
+/// The service works in another folder, so a path in it would lead elsewhere.
+std::optional<std::string> trustAnchorsForService() {
+  const auto named = environmentText("SSL_CERT_FILE");
+  if (!named) return std::nullopt;
+  std::error_code failed;
+  const std::filesystem::path whole = std::filesystem::absolute(*named, failed);
+  return failed ? named : std::optional(whole.string());
+}
+
 std::shared_ptr<BackgroundURLSessions> makeBackgroundSessions(const SystemOptions& options, const Process& process) {
   const auto directory = options.transferDirectory ? options.transferDirectory : TransferDirectory::pathFromEnvironment();
   auto identity = std::make_shared<TransferIdentity>(options, process.secureRandom);
@@ -34,14 +48,14 @@ std::shared_ptr<BackgroundURLSessions> makeBackgroundSessions(const SystemOption
   surroundings.queues = process.queues;
   TransferSessions::Settings settings;
   settings.identifierOfLaunch = environmentText(kLaunchSessionVariable);
-  settings.trustAnchors = environmentText("SSL_CERT_FILE");
+  settings.trustAnchors = trustAnchorsForService();
   if (options.requestTimeout > 0) settings.requestTimeout = options.requestTimeout;
   return std::make_shared<TransferSessions>(std::move(surroundings), std::move(settings));
 }
 
 }  // namespace
 
-std::unique_ptr<Process> makeSystemProcess(SystemOptions options) {
+std::unique_ptr<Process> makeSystemProcess(const SystemOptions& options) {
   auto process = std::make_unique<Process>();
   process->systemLog = std::make_shared<SyslogSystemLog>();
   process->uncaughtException = std::make_shared<AbortingUncaughtException>(process->systemLog);

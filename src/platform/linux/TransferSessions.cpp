@@ -8,6 +8,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -107,6 +108,7 @@ class TransferSessions::Core final : public TransferLinkListener, public std::en
   std::map<std::string, std::shared_ptr<Session>> sessions_;  // until they are invalidated
   std::map<std::uint64_t, Request> requests_;                 // not answered yet
   std::map<std::string, Notifications> notifications_;
+  std::set<std::string> delivered_;  // sessions that are over, and whose stored events were delivered before
   std::uint64_t lastRequest_ = 0;
 };
 
@@ -144,6 +146,7 @@ class TransferSessions::Session final : public BackgroundURLSession, public std:
           std::shared_ptr<DispatchQueue> queue)
       : core_(std::move(core)),
         configuration_(std::move(configuration)),
+        isSayable_(transfer::isSessionIdentifier(configuration_.identifier())),
         queue_(std::move(queue)),
         delegate_(std::move(delegate)) {}
 
@@ -162,6 +165,9 @@ class TransferSessions::Session final : public BackgroundURLSession, public std:
 
   const std::shared_ptr<Core> core_;
   const URLSessionConfiguration configuration_;
+  /// The service would refuse the whole application for any other identifier. So it never hears of such a session, and no task of
+  /// one gets past the spool.
+  const bool isSayable_;
   const std::shared_ptr<DispatchQueue> queue_;
 
   // Under the core's mutex.
@@ -219,14 +225,17 @@ BackgroundURLSessionRef TransferSessions::Core::session(const URLSessionConfigur
 }
 
 void TransferSessions::Core::notifyWhenEventsAreDelivered(const std::string& identifier, std::function<void()> handler) {
+  bool areDelivered = false;
   {
     const std::lock_guard lock(mutex_);
     if (isClosed_) return;
     notifications_[identifier].push_back(std::move(handler));
     const auto session = find(identifier);
-    if (!session || !session->areStoredEventsDelivered_) return;
+    areDelivered = session ? session->areStoredEventsDelivered_ : delivered_.contains(identifier);
+    if (!areDelivered && !session) return;
   }
-  submitNotifications(identifier);
+  if (areDelivered) return submitNotifications(identifier);
+  link_->connect();  // it may have broken while nothing needed it
 }
 
 void TransferSessions::Core::goOnWithInterruptedTransfers() {
@@ -311,7 +320,7 @@ void TransferSessions::Core::getTasks(const std::shared_ptr<Session>& session, B
     const std::lock_guard lock(mutex_);
     if (isClosed_) return;
     Request request{session, std::move(handler)};
-    if (session->isOver_) return answer(std::move(request));
+    if (session->isOver_ || !session->isSayable_) return answer(std::move(request));
     const std::uint64_t number = ++lastRequest_;
     requests_.emplace(number, std::move(request));
     say(transfer::GetTasks{number, session->identifier()});
@@ -385,6 +394,7 @@ std::shared_ptr<TransferSessions::Session> TransferSessions::Core::find(const st
 }
 
 void TransferSessions::Core::sayHold(const Session& session) {
+  if (!session.isSayable_) return;
   const bool isOfLaunch = settings_.identifierOfLaunch == session.identifier();
   say(transfer::Hold{session.identifier(), isOfLaunch && !session.areStoredEventsDelivered_});
 }
@@ -392,6 +402,7 @@ void TransferSessions::Core::sayHold(const Session& session) {
 // A task that is being written could reach the service after the end of its session and begin it anew, so the end waits for it.
 void TransferSessions::Core::sayInvalidate(Session& session) {
   if (session.tasksBeingWritten_ > 0) return;
+  if (!session.isSayable_) return received(transfer::Invalidated{session.identifier()});
   say(transfer::Wake());
   say(transfer::Invalidate{session.identifier()});
 }
@@ -500,6 +511,7 @@ void TransferSessions::Core::deliverInvalid(const std::shared_ptr<Session>& sess
   delegate.swap(session->delegate_);
   tasks.swap(session->tasks_);
   session->phase_ = Session::Phase::kInvalidated;
+  if (session->areStoredEventsDelivered_) delivered_.insert(session->identifier());
   sessions_.erase(session->identifier());
   if (sessions_.empty()) say(transfer::Wake());  // the link sees then that nobody needs it
 }

@@ -46,10 +46,14 @@ void Service::Implementation::messageArrived(ConnectionId connection, const Mess
 
 /// The connection is closed; what its process holds stays held until it is.
 void Service::Implementation::refuse(ConnectionId connection, const std::string& reason) {
-  Connection& refused = connections_.at(connection);
-  if (refused.isRefused) return;
-  refused.isRefused = true;
+  if (connections_.at(connection).isRefused) return;
   wire_.send(connection, Refused{.reason = reason});
+  turnAway(connection);
+}
+
+/// Without a reason: the application comes back soon, as to a service that has just died.
+void Service::Implementation::turnAway(ConnectionId connection) {
+  connections_.at(connection).isRefused = true;
   wire_.close(connection);
 }
 
@@ -67,7 +71,7 @@ void Service::Implementation::answer(ConnectionId connection, const Hello& hello
   }
   if (const std::optional<std::string> refusal = refusalOf(hello.application)) return refuse(connection, *refusal);
   Application* const application = applicationFor(hello.application, hello.launchCommand);
-  if (!application) return refuse(connection, "the service cannot write its store now");
+  if (!application) return turnAway(connection);  // the store can take a newcomer when the disk has room again
   connections_.at(connection).application = application->stored.id;
   ++application->openConnections;
   wire_.send(connection, Welcome{});

@@ -97,6 +97,7 @@ void Service::Implementation::correctTimes() {
   }
   for (auto& [id, connection] : connections_) connection.openedAt = std::min(connection.openedAt, now());
   if (idleSince_) idleSince_ = std::min(*idleSince_, now());
+  startedAt_ = std::min(startedAt_, now());
 }
 
 void Service::Implementation::storeFailed(const platform::Error& error) {

@@ -211,6 +211,7 @@ class Service::Implementation {
     refuse(connection, "this message is the service's own");
   }
   void refuse(ConnectionId connection, const std::string& reason);
+  void turnAway(ConnectionId connection);
   void refuseSilentOnes();
   std::vector<TaskStatus> tasksOf(const SessionKey& key) const;
   SessionKey keyOf(ConnectionId connection, const std::string& session) const {

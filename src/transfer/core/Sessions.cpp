@@ -134,10 +134,12 @@ void Service::Implementation::forget(const SessionKey& key, Session& session) {
     tasks_.erase(id);
   }
   tellInvalidated(key, session);
-  // A process that made the session again while the old one was ending holds the new one.
+  // A process that made the session again while the old one was ending holds the new one. The one that got the events of the old
+  // one has heard that they are delivered.
   Session next;
   for (const auto& [connection, holder] : session.holders)
-    if (!session.isToEnd || holder.holdsAgain) next.holders[connection] = {.wasLaunchedForIt = holder.wasLaunchedForIt};
+    if (!session.isToEnd || holder.holdsAgain)
+      next.holders[connection] = {.wasLaunchedForIt = holder.wasLaunchedForIt && connection != session.holder};
   if (next.holders.empty()) {
     sessions_.erase(key);
     return;

@@ -120,7 +120,7 @@ std::expected<void, Error> ProcessLauncher::launch(ApplicationId application, co
     return std::unexpected(launchError(cause, command.front()));
   }
   const int number = descriptor.get();
-  running_.emplace(number, Running{application, std::move(descriptor)});
+  running_.emplace(number, Running{application, session, std::move(descriptor)});
   loop_.watch(number, EPOLLIN, [this, number](std::uint32_t) { processEnded(number); });
   return {};
 }
@@ -129,9 +129,8 @@ void ProcessLauncher::processEnded(int descriptor) {
   siginfo_t ignored{};
   (void)waitid(P_PIDFD, static_cast<id_t>(descriptor), &ignored, WEXITED | WNOHANG);
   loop_.unwatch(descriptor);
-  const ApplicationId application = running_.at(descriptor).application;
-  running_.erase(descriptor);
-  ended_(application);
+  const auto ended = running_.extract(descriptor);
+  ended_(ended.mapped().application, ended.mapped().session);
 }
 
 }  // namespace transfer

@@ -19,7 +19,7 @@ namespace transfer {
 
 class ProcessLauncher final : public Launcher {
  public:
-  using Ended = std::function<void(ApplicationId)>;
+  using Ended = std::function<void(ApplicationId, const std::string& session)>;
 
   /// `ended` is called on the loop's thread. The loop must outlive the launcher.
   ProcessLauncher(EventLoop& loop, std::string transferFolder, Ended ended)
@@ -39,6 +39,7 @@ class ProcessLauncher final : public Launcher {
   const Ended ended_;
   struct Running {
     ApplicationId application;
+    std::string session;
     platform::FileDescriptor process;
   };
   std::map<int, Running> running_;  // by the process's descriptor

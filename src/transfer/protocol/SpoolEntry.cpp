@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "platform/Data.h"
 #include "transfer/protocol/Members.h"
 
 namespace transfer {
@@ -72,7 +73,14 @@ void checkLengths(MemberReader& reader, const SpoolEntry& entry) {
   checkLength(reader, "file", entry.file, kMaxPathBytes);
 }
 
+std::string reasonForLength() { return "longer than " + std::to_string(kMaxMessageBytes) + " bytes"; }
+
 }  // namespace
+
+bool isSessionIdentifier(std::string_view identifier) {
+  return !identifier.empty() && identifier.size() <= kMaxSessionBytes && !identifier.contains('\0') &&
+         platform::isWellFormedUtf8(identifier);
+}
 
 std::string encode(const SpoolEntry& entry) {
   Dictionary object{{"is", Value(kIs)},
@@ -93,7 +101,7 @@ std::string encode(const SpoolEntry& entry) {
 
 std::expected<SpoolEntry, std::string> decodeSpoolEntry(std::string_view text) {
   if (text.ends_with('\n')) text.remove_suffix(1);
-  if (text.size() >= kMaxMessageBytes) return std::unexpected("longer than " + std::to_string(kMaxMessageBytes) + " bytes");
+  if (text.size() >= kMaxMessageBytes) return std::unexpected(reasonForLength());
   const std::expected<Dictionary, std::string> object = detail::objectOf(text);
   if (!object) return std::unexpected(object.error());
   MemberReader reader(*object);
@@ -112,6 +120,8 @@ std::expected<SpoolEntry, std::string> decodeSpoolEntry(std::string_view text) {
   if (entry.requestTimeout == 0) reader.fail("“requestTimeout” is 0");
   checkLengths(reader, entry);
   if (reader.failure()) return std::unexpected(*reader.failure());
+  // Another's way to write numbers may be shorter than ours, and the store keeps ours: it must be able to read it again.
+  if (encode(entry).size() > kMaxMessageBytes) return std::unexpected(reasonForLength());
   return entry;
 }
 

@@ -39,9 +39,12 @@ inline constexpr std::size_t kMaxSessionBytes = 1024;
 inline constexpr std::size_t kMaxURLBytes = std::size_t{16} * 1024;
 inline constexpr std::size_t kMaxPathBytes = 4096;
 
+/// Whether the service can know a session by that identifier: a text that messages carry unchanged, neither empty nor too long.
+bool isSessionIdentifier(std::string_view identifier);
+
 /// One line, as encode(Message) writes it.
 std::string encode(const SpoolEntry& entry);
-/// The reason when the text is no entry of this version. Never raises.
+/// The reason when the text is no entry of this version. Never raises. What it yields is one again when it is encoded.
 std::expected<SpoolEntry, std::string> decodeSpoolEntry(std::string_view text);
 
 }  // namespace transfer

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/RapidJSONSerialization.h"
+
 namespace {
 
 using platform::Array;
@@ -85,6 +87,18 @@ TEST(KSVShare, WholeSecondsMayBeIntegers) {
   const auto share = KSVShare::deserialize(Dictionary{{"createdAt", 5}});
   ASSERT_TRUE(share);
   EXPECT_EQ(share->createdAt, Date::dateWithTimeIntervalSince1970(5));
+}
+
+/// Such a date is written as an integer that only an unsigned one holds; its share used to be none when it was read back.
+TEST(KSVShare, ADateBeyondSigned64BitsComesBack) {
+  KSVShare share;
+  share.createdAt = Date::dateWithTimeIntervalSince1970(0x1p63);
+  const auto text = platform::makeRapidJSONSerialization()->write(share.serialize());
+  ASSERT_TRUE(text);
+  EXPECT_EQ(text->bytes(), R"({"createdAt":9223372036854775808,"isFallback":false,"state":0})");
+  const auto read = KSVShare::deserialize(platform::makeRapidJSONSerialization()->read(*text).value());
+  ASSERT_TRUE(read);
+  expectEqual(*read, share);
 }
 
 TEST(KSVShare, WhatIsMalformedIsNoShare) {

@@ -101,6 +101,7 @@ TEST(Shares, MembersOfTheWrongKindAreAFault) {
   EXPECT_EQ(faultOfShare({}), "");
   EXPECT_EQ(faultOfShare({{"more", 1}, {"state", nullptr}, {"URL", "https://a.example/b"}, {"createdAt", 1}, {"updatedAt", 1.5}}),
             "");
+  EXPECT_EQ(faultOfShare({{"createdAt", UINT64_MAX}}), "");
   EXPECT_EQ(faultOfShare({{"isFallback", 1}}), "isFallback is no boolean");
   EXPECT_EQ(faultOfShare({{"state", 4}}), "state is no whole number from 0 to 3");
   EXPECT_EQ(faultOfShare({{"state", -1}}), "state is no whole number from 0 to 3");

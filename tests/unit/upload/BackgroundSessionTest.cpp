@@ -191,6 +191,94 @@ TEST_F(BackgroundSession, TheIndicatorIsASwitchAndOnlyTheMainQueueTurnsIt) {
   EXPECT_FALSE(process.application().isNetworkActivityIndicatorVisible()) << "the first hide wins";
 }
 
+// Tries, which are the service's.
+
+TEST_F(BackgroundSession, B3_ALostConnectionFailsNoTaskAndIsTriedAgainAfterGrowingWaits) {
+  upload();
+  const std::string first = started();
+  process.runAll();
+  double most = 2;  // seconds
+  for (std::size_t tries = 1; tries <= 5; ++tries, most *= 2) {
+    for (const auto code : {platform::kURLErrorNetworkConnectionLost, platform::kURLErrorTimedOut})
+      if ((code == platform::kURLErrorTimedOut) == (tries % 2 == 0)) service().failUpload(platform::urlError(code), true);
+    process.setTime(TestProcess::kStartTime + most / 2 - 0.1);
+    service().tick();
+    EXPECT_EQ(service().uploadsBegun(), tries) << "no sooner than after half of the wait";
+    process.setTime(TestProcess::kStartTime + most);
+    service().tick();
+    EXPECT_EQ(service().uploadsBegun(), tries + 1);
+    process.setTime(TestProcess::kStartTime);
+  }
+  process.runAll();
+  EXPECT_THAT(process.messages(), ElementsAre(first)) << "nobody hears of it";
+  EXPECT_THAT(uploadFiles(), SizeIs(1));
+  succeed(404);
+  EXPECT_THAT(process.messages(), ElementsAre(first, "Task 1 completed")) << "a status of 400 or more completes it";
+  EXPECT_EQ(service().uploadsBegun(), 6U);
+}
+
+TEST_F(BackgroundSession, B3_AfterSevenDaysATaskEndsAsTimedOut) {
+  upload();
+  const std::string first = started();
+  process.runAll();
+  service().failUpload(platform::urlError(platform::kURLErrorNetworkConnectionLost), true);
+  process.setTime(TestProcess::kStartTime + 7 * kDay - 1);
+  service().tick();
+  process.runAll();
+  EXPECT_THAT(process.messages(), ElementsAre(first));
+  EXPECT_EQ(service().uploadsBegun(), 2U) << "its last try";
+  process.setTime(TestProcess::kStartTime + 7 * kDay);
+  service().tick();
+  process.runAll();
+  const std::string failure = "Kestrova: Background task 1 failed: The request timed out.";
+  EXPECT_THAT(process.messages(), ElementsAre(first, "system log: " + failure, failure));
+}
+
+TEST_F(BackgroundSession, B3_WhatWaitingCannotMendFailsAtOnce) {
+  for (const auto code : {platform::kURLErrorServerCertificateUntrusted, platform::kURLErrorUnsupportedURL}) {
+    upload();
+    fail(code);
+    const std::string text = platform::urlError(code).localizedDescription();
+    EXPECT_THAT(process.messages().back(), testing::MatchesRegex("Kestrova: Background task [12] failed: " + text));
+  }
+  EXPECT_EQ(service().uploadsBegun(), 2U);
+}
+
+// Events that come again, and tasks that are cancelled.
+
+TEST_F(BackgroundSession, B4_AnEventWhoseRecordIsLostWithTheServiceComesAgainAndIsSeenOnce) {
+  upload();
+  const std::string first = started();
+  process.runAll();
+  service().answerUpload(200);
+  while (process.runOne(MemoryTransferService::kQueueLabel)) {
+  }
+  ASSERT_TRUE(process.runOne("NSURLSession " + onlySession()));
+  service().crash();  // the record is on its way
+  ASSERT_THAT(service().stored().events, SizeIs(1));
+  process.runAll();
+  EXPECT_TRUE(service().isRunning());
+  EXPECT_THAT(service().stored().events, IsEmpty()) << "said again, and recorded";
+  EXPECT_THAT(process.messages(), testing::Contains("Task 1 completed").Times(1));
+  EXPECT_EQ(process.plan().count("URLSessionDelegate.taskDidComplete"), 1U);
+  EXPECT_EQ(process.messages().front(), first);
+}
+
+TEST_F(BackgroundSession, ACancelledTaskFailsAndItsSessionEnds) {
+  upload();
+  const std::string first = started();
+  process.runAll();
+  session(onlySession())->getTasksWithCompletionHandler([](const auto&, const auto& uploads, const auto&) {
+    for (const auto& task : uploads) task->cancel();
+  });
+  process.runAll();
+  const std::string failure = "Kestrova: Background task 1 failed: cancelled";
+  EXPECT_THAT(process.messages(), ElementsAre(first, "system log: " + failure, failure));
+  EXPECT_THAT(service().uploads(), IsEmpty()) << "the try is given up";
+  EXPECT_THAT(service().stored().sessions, IsEmpty());
+  EXPECT_THAT(uploadFiles(), SizeIs(1)) << "the sweep takes it";
+}
+
 // The relaunch.
 
 TEST_F(BackgroundSession, ARelaunchIsNotedAndKeepsTheHandler) {
@@ -260,6 +348,12 @@ class NextLife : public testing::Test {
     identifier = first.namesIn(first.supportPath("uploads")).at(0);
   }
 
+  /// The service answers for the server, and has run for long enough to know that the application does not.
+  void answerUpload() {
+    device->transfers->answerUpload(200);
+    device->clock->advance(1);
+    device->transfers->tick();
+  }
   /// The relaunch; `next` ends before the device.
   void relaunch(KSVData::CompletionHandler handler) {
     next.emplace(TestProcessOptions{.device = device, .launchedFor = identifier});
@@ -276,7 +370,7 @@ class NextLife : public testing::Test {
 };
 
 TEST_F(NextLife, IsLaunchedForASuccessAndRemovesTheUploadFile) {
-  device->transfers->answerUpload(200);
+  answerUpload();
   ASSERT_THAT(device->transfers->launches(), SizeIs(1));
   EXPECT_EQ(device->transfers->launches().front().session, identifier);
   int calls = 0;
@@ -296,6 +390,54 @@ TEST_F(NextLife, IsLaunchedForAFailureAndCallsTheHandler) {
   EXPECT_THAT(next->messages(), testing::Contains(failure));
   EXPECT_EQ(calls, 1);
   EXPECT_THAT(next->namesIn(next->supportPath("uploads")), SizeIs(1));
+}
+
+// An exception ends the application, and with it the life in which the event was begun to be handed over.
+TEST_F(NextLife, B4_AnEventWhoseOperationRaisesIsHandedOverAgain) {
+  answerUpload();
+  next.emplace(TestProcessOptions{.device = device, .launchedFor = identifier});
+  client = next->makeClient();
+  next->runAll();
+  next->plan().raise("FileManager.removeItemAtPath", nth(1), platform::Exception("Broken", "on purpose"));
+  client->handleEventsForBackgroundURLSessionCompletionHandler(identifier, nullptr);
+  next->runAll();
+  EXPECT_THAT(next->uncaughtReasons(), ElementsAre("*** Terminating app due to uncaught exception 'Broken', reason: 'on purpose'"));
+  EXPECT_THAT(device->transfers->stored().events, SizeIs(1)) << "its return was never recorded";
+  client.reset();
+  next.reset();
+
+  device->transfers->launchEnded(identifier);
+  device->clock->advance(5);
+  device->transfers->tick();
+  ASSERT_THAT(device->transfers->launches(), SizeIs(2)) << "it is launched for it once more";
+  relaunch(nullptr);
+  EXPECT_THAT(next->messages(),
+              ElementsAre("Launching in background: " + identifier, "Task 1 completed", "Background session completed"));
+  EXPECT_THAT(device->transfers->stored().events, IsEmpty());
+  EXPECT_THAT(next->namesIn(next->supportPath("uploads")), IsEmpty());
+}
+
+TEST_F(NextLife, HasInterruptedTransfersGoOnWithoutItsSessions) {
+  device->transfers->crash();
+  next.emplace(TestProcessOptions{.device = device});
+  next->process().backgroundSessions->goOnWithInterruptedTransfers();
+  EXPECT_FALSE(device->transfers->isRunning()) << "the disk is looked at in the background";
+  next->runAll();
+  EXPECT_TRUE(device->transfers->isRunning());
+  EXPECT_EQ(device->transfers->uploadsBegun(), 2U) << "begun anew";
+  EXPECT_EQ(device->transfers->connections(), 0U) << "this life needs nothing of the service yet";
+  answerUpload();
+  ASSERT_THAT(device->transfers->launches(), SizeIs(1));
+}
+
+TEST_F(NextLife, StartsNoServiceWhenNothingWasInterrupted) {
+  const auto before = device->transfers->received();
+  next.emplace(TestProcessOptions{.device = device});
+  next->process().backgroundSessions->goOnWithInterruptedTransfers();
+  next->runAll();
+  EXPECT_EQ(device->transfers->received(), before) << "nobody has spoken to the service";
+  EXPECT_EQ(device->transfers->connections(), 0U);
+  EXPECT_EQ(device->transfers->uploadsBegun(), 1U);
 }
 
 TEST_F(NextLife, TiesAnUploadThatStillRuns) {

@@ -175,6 +175,34 @@ TEST_F(FileTransferSpoolTest, ADamagedTokenWritesNothing) {
   EXPECT_THAT(namesIn(spoolFolder()), SizeIs(1)) << "the first one";
 }
 
+// The service would set it aside, or upload another file, and the application would wait for ever.
+TEST_F(FileTransferSpoolTest, ATaskThatTheServiceWouldNotTakeAsItIsFailsAtOnce) {
+  FileTransferSpool spool = makeSpool();
+  const auto failureOf = [&spool](auto change) {
+    transfer::SpoolEntry entry = entryFor("session-1");
+    change(entry);
+    const auto written = spool.write(entry);
+    return written ? "written" : written.error().localizedDescription();
+  };
+  const std::string start = "The upload couldn’t be handed to the transfer service: ";
+  ASSERT_EQ(writeWith(spool), "written");
+  EXPECT_EQ(failureOf([](auto& entry) { entry.session.clear(); }), start + "“session” is empty.");
+  EXPECT_EQ(failureOf([](auto& entry) { entry.url.append(transfer::kMaxURLBytes, 'x'); }),
+            start + "“url” is longer than 16384 bytes.");
+  EXPECT_EQ(failureOf([](auto& entry) { entry.method = "PO ST"; }), start + "“method” is no name of a method.");
+  EXPECT_EQ(failureOf([](auto& entry) { entry.file = "/home/gr\xFC\xDF"; }), start + "a text is not UTF-8.");
+  EXPECT_THAT(namesIn(spoolFolder()), SizeIs(1)) << "the first one";
+}
+
+TEST_F(FileTransferSpoolTest, AnApplicationWithoutAnIdentifierHandsNothingOver) {
+  platform::SystemOptions options;
+  options.homeDirectory = home();
+  const auto random = std::make_shared<platform::GetrandomSecureRandom>();
+  FileTransferSpool spool(transfers(), std::make_shared<platform::TransferIdentity>(options, random), {}, random);
+  EXPECT_EQ(writeWith(spool), "The upload couldn’t be handed to the transfer service: “identifier” is empty.");
+  EXPECT_THAT(namesIn(spoolFolder()), IsEmpty());
+}
+
 TEST_F(FileTransferSpoolTest, AFullDiskIsAnErrorAndLeavesNothing) {
   if (::geteuid() != 0) GTEST_SKIP() << "mounts a small volume";
   const int status = runInChild([&] {

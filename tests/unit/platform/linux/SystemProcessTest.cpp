@@ -4,8 +4,11 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
+#include "platform/BackgroundURLSession.h"
 #include "platform/Process.h"
 #include "platform/UUID.h"
 #include "support/Event.h"
@@ -67,6 +70,37 @@ TEST(SystemProcessTest, ItsServicesWorkTogether) {
   const std::size_t with = threadCount();
   process.reset();
   EXPECT_LT(threadCount(), with);
+}
+
+/// The text of the one task in a spool folder.
+std::string taskIn(const std::string& spool) {
+  std::string text;
+  for (const auto& entry : std::filesystem::directory_iterator(spool)) {
+    std::ifstream file(entry.path());
+    text.append(std::istreambuf_iterator<char>(file), {});
+  }
+  return text;
+}
+
+// The service's own working folder is another one.
+TEST(SystemProcessTest, TheTransferServiceHearsOfTrustAnchorsByTheirWholePath) {
+  const FreshPath home;
+  const std::string transfers = home.path() + "/transfers";
+  ASSERT_EQ(setenv("SSL_CERT_FILE", "anchors.pem", 1), 0);
+  const auto process = platform::makeSystemProcess({.bundleIdentifier = "com.example.app",
+                                                    .homeDirectory = home.path(),
+                                                    .transferDirectory = transfers,
+                                                    .transferServicePath = "/bin/true"});
+  unsetenv("SSL_CERT_FILE");
+  const platform::Process::Scope scope(*process);
+  const auto session = platform::BackgroundURLSession::sessionWithConfigurationDelegateDelegateQueue(
+      platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("one"), nullptr, nullptr);
+  session
+      ->uploadTaskWithRequestFromFile(platform::URLRequest(platform::URL::URLWithString("https://localhost/")),
+                                      platform::URL::fileURLWithPath("/a"))
+      ->resume();
+  const std::string anchors = (std::filesystem::current_path() / "anchors.pem").string();
+  EXPECT_NE(taskIn(transfers + "/spool").find("\"trustAnchors\":\"" + anchors + "\""), std::string::npos);
 }
 
 TEST(SystemProcessTest, WithoutABundleIdentifierThereIsNone) {

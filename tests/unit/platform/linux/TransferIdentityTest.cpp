@@ -172,9 +172,22 @@ TEST_F(TransferIdentityTest, WhatIsNoPlainFileIsNotTakenAndHoldsNobodyUp) {
   EXPECT_EQ(token(), kDamaged_);
 }
 
-TEST_F(TransferIdentityTest, AFolderThatCannotBeMadeIsAnError) {
+TEST_F(TransferIdentityTest, AHomeThatIsAFileIsAnError) {
   std::ofstream(home()) << "a file";
-  EXPECT_EQ(token(), "The file “transfer-token” couldn’t be saved in the folder “com.example.app”.");
+  EXPECT_EQ(token(), kDamaged_);
+}
+
+TEST_F(TransferIdentityTest, AFolderThatCannotBeMadeIsAnError) {
+  ASSERT_EQ(::geteuid(), 0U) << "goes on as a user whom permissions bind";
+  const std::string own = folder_.path() + "/own";
+  fs::create_directory(own);
+  fs::permissions(folder_.path(), fs::perms::others_exec, fs::perm_options::add);
+  EXPECT_EQ(runInChild([&] {
+              becomeNobody(own);
+              EXPECT_EQ(token(), "You don’t have permission to save the file “transfer-token” in the folder “com.example.app”.");
+            }),
+            0);
+  EXPECT_FALSE(fs::exists(home()));
 }
 
 TEST_F(TransferIdentityTest, WithoutAHomeThereIsNoIdentity) {

@@ -1,4 +1,4 @@
-// The transfer service's decisions, one by one.
+// The transfer service's decisions, one by one (platform row B3 among them).
 #include "unit/transfer/core/ServiceTest.h"
 
 namespace {
@@ -225,6 +225,22 @@ TEST_F(ServiceTest, aProcessThatMakesAnEndingSessionAgainHoldsTheNext) {
   EXPECT_EQ(take(app), "taskEvent one 1 task 2 completed status 200");
 }
 
+TEST_F(ServiceTest, aLaunchForAnEndingSessionIsToldOfItsDeliveryOnce) {
+  start();
+  put(test::entryFor("one"));
+  const auto first = connect();
+  say(first, Hold{.session = "one"});
+  say(first, Invalidate{.session = "one"});
+  disconnect(first);
+  ASSERT_THAT(launchedSessions(), ElementsAre("one")) << "it died before it had handed its event over";
+  const auto app = connect();
+  say(app, Hold{.session = "one", .wasLaunchedForIt = true});
+  say(app, Handed{.session = "one", .event = 1});
+  EXPECT_EQ(take(app),
+            "sessionTasks 0 one (task 1 completed error -999); taskEvent one 1 task 1 completed error -999; eventsDelivered one; "
+            "invalidated one");
+}
+
 TEST_F(ServiceTest, cancelLeavesTheSession) {
   start();
   put(test::entryFor("one"));
@@ -350,12 +366,14 @@ TEST_F(ServiceTest, nothingIsToldWhileTheStoreTakesNothing) {
   EXPECT_THAT(launchedSessions(), ElementsAre());
 }
 
-TEST_F(ServiceTest, anUnknownApplicationIsRefusedWhileTheStoreTakesNothing) {
+// A refusal would have it wait for a minute, though the disk may have room again sooner.
+TEST_F(ServiceTest, anUnknownApplicationIsTurnedAwayWithoutAWordWhileTheStoreTakesNothing) {
   start();
   store_.fail = [](std::string_view) { return true; };
   service_->connectionOpened(5);
   say(5, transfer::Hello{.application = test::applicationNamed("app"), .launchCommand = {}});
-  EXPECT_EQ(take(5), "refused: the service cannot write its store now");
+  EXPECT_EQ(take(5), "");
+  EXPECT_TRUE(wire_->isClosed(5));
 }
 
 TEST_F(ServiceTest, anApplicationIsLaunchedForOneSessionAtATime) {
@@ -467,6 +485,126 @@ TEST_F(ServiceTest, progressIsSeenAndNotStored) {
   EXPECT_EQ(task.bytesSent, 40U);
   EXPECT_EQ(task.bytesExpected, 100U);
   EXPECT_EQ(store_.contents().tasks.at(0).status.bytesSent, 0U);
+}
+
+TEST_F(ServiceTest, theSizeOfAnUploadIsStoredWithItsEnd) {
+  start();
+  put(test::entryFor("one"));
+  service_->tick();
+  transfer::UploadOutcome cut = outcome(platform::urlError(platform::kURLErrorNetworkConnectionLost), true, 0);
+  cut.bytesSent = 40;
+  cut.bytesExpected = 100;
+  service_->uploadEnded(uploads_->takeOldest(), cut);
+  EXPECT_EQ(store_.contents().tasks.at(0).status.bytesExpected, 100U) << "a restart does not forget it";
+  pass(options_.firstRetryWait);
+  transfer::UploadOutcome whole = outcome(std::nullopt, false, 200);
+  whole.bytesSent = whole.bytesExpected = 120;
+  service_->uploadEnded(uploads_->takeOldest(), whole);
+  EXPECT_EQ(store_.contents().tasks.at(0).status.bytesExpected, 120U) << "the file may have changed";
+  EXPECT_EQ(store_.contents().events.at(0).task.bytesExpected, 120U);
+}
+
+TEST_F(ServiceTest, aConnectionThatDoesNotSayHelloIsRefusedAfterTenSeconds) {
+  start();
+  service_->connectionOpened(41);
+  pass(4);
+  service_->connectionOpened(42);
+  const auto app = connect();
+  EXPECT_EQ(untilDeadline(), 6);
+  pass(5);
+  EXPECT_EQ(take(41), "");
+  pass(1);
+  EXPECT_EQ(take(41), "refused: hello did not come in time");
+  EXPECT_TRUE(wire_->isClosed(41));
+  EXPECT_FALSE(wire_->isClosed(42));
+  EXPECT_EQ(untilDeadline(), 4);
+  service_->garbageArrived(42, "not JSON");
+  EXPECT_EQ(take(42), "refused: not JSON");
+  pass(1000);
+  EXPECT_EQ(take(41) + take(42), "") << "each is refused once";
+  EXPECT_FALSE(wire_->isClosed(app)) << "who has said hello may be silent";
+  EXPECT_EQ(untilDeadline(), -1);
+  service_->connectionClosed(41);
+  service_->connectionClosed(42);
+  disconnect(app);
+  EXPECT_EQ(untilDeadline(), options_.idleTime);
+}
+
+TEST_F(ServiceTest, aClockThatGoesBackGivesASilentConnectionNoMoreThanItsTime) {
+  start();
+  service_->connectionOpened(41);
+  clock_.advance(-86400);
+  EXPECT_EQ(untilDeadline(), 10);
+  service_->tick();
+  pass(10);
+  EXPECT_EQ(take(41), "refused: hello did not come in time");
+}
+
+TEST_F(ServiceTest, anEntryThatMayNeverBeTakenIsSetAsideAndOneThatCannotBeReadNowIsTriedAgain) {
+  start();
+  put(test::entryFor("one"));
+  put(test::entryFor("two"));
+  spool_.fail = [](std::string_view operation, const std::string& name) -> std::optional<platform::Error> {
+    if (operation != "read") return std::nullopt;
+    if (name == "one-1.task")
+      return platform::Error(platform::kCocoaErrorDomain, platform::kFileReadNoPermission, "It is no plain file.");
+    return platform::Error(platform::kCocoaErrorDomain, platform::kFileReadUnknown, "The disk hiccups.");
+  };
+  service_->tick();
+  ASSERT_EQ(spool_.asides().size(), 1U);
+  EXPECT_EQ(spool_.asides()[0].name, "one-1.task");
+  EXPECT_EQ(spool_.asides()[0].reason, "It is no plain file.");
+  EXPECT_THAT(log_->messages(), ElementsAre("The transfer service set one-1.task aside: It is no plain file."));
+  EXPECT_THAT(spool_.names(), ElementsAre("two-1.task"));
+  EXPECT_EQ(untilDeadline(), 1);
+  pass(1);
+  EXPECT_EQ(untilDeadline(), 2) << "the waits grow";
+  spool_.fail = nullptr;
+  pass(2);
+  EXPECT_THAT(runningSessions(), ElementsAre("two"));
+}
+
+TEST_F(ServiceTest, aLaunchThatCannotBeRecordedIsNotMadeUntilItCan) {
+  start();
+  put(test::entryFor("one"));
+  service_->tick();
+  store_.fail = [](std::string_view operation) { return operation == "saveLaunches"; };
+  answerOldest();
+  EXPECT_THAT(launchedSessions(), ElementsAre());
+  EXPECT_EQ(store_.contents().applications.at(0).failedLaunches, 0U);
+  EXPECT_THAT(log_->messages(), ElementsAre("The transfer service could not write its store and tries again: The transfer store "
+                                            "couldn’t be written because the volume is out of space."));
+  EXPECT_EQ(untilDeadline(), 1) << "when the store may take it";
+  store_.fail = nullptr;
+  pass(1);
+  EXPECT_THAT(launchedSessions(), ElementsAre("one"));
+  EXPECT_EQ(store_.contents().applications.at(0).failedLaunches, 1U) << "it was never made, so the wait is that of a first one";
+}
+
+TEST_F(ServiceTest, theEndOfALaunchThatCannotBeRecordedIsRecordedLater) {
+  start();
+  put(test::entryFor("one"));
+  service_->tick();
+  answerOldest();
+  ASSERT_THAT(launchedSessions(), ElementsAre("one"));
+  store_.fail = [](std::string_view operation) { return operation == "saveLaunches"; };
+  const double before = store_.contents().applications.at(0).nextLaunchAt;
+  pass(100);
+  service_->launchEnded(applicationId(), "one");
+  EXPECT_EQ(store_.contents().applications.at(0).nextLaunchAt, before);
+  store_.fail = nullptr;
+  pass(1);
+  EXPECT_EQ(store_.contents().applications.at(0).nextLaunchAt - before, 100) << "the wait counts from the end of the process";
+  EXPECT_THAT(launchedSessions(), ElementsAre("one"));
+  EXPECT_EQ(untilDeadline(), options_.firstLaunchWait - 1);
+  const auto app = connect();
+  say(app, Hold{.session = "one", .wasLaunchedForIt = true});
+  store_.fail = [](std::string_view operation) { return operation == "saveLaunches"; };
+  say(app, Handed{.session = "one", .event = 1});
+  EXPECT_EQ(store_.contents().applications.at(0).failedLaunches, 1U);
+  store_.fail = nullptr;
+  pass(2);
+  EXPECT_EQ(store_.contents().applications.at(0).failedLaunches, 0U) << "a success is not forgotten either";
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ class ProcessLauncherTest : public testing::Test {
     EXPECT_TRUE(ended_.empty()) << "nobody may be called back from inside launch()";
     const auto limit = std::chrono::steady_clock::now() + kLimit;
     while (ended_.empty() && std::chrono::steady_clock::now() < limit) loop_.turn(std::chrono::milliseconds(100));
-    EXPECT_THAT(ended_, ElementsAre(42));
+    EXPECT_THAT(ended_, ElementsAre("42 com.example.session"));
   }
   /// What a shell script, here the application, writes into a file.
   std::string outputOf(const std::string& script, const std::optional<std::string>& anchors = std::nullopt) {
@@ -48,8 +48,10 @@ class ProcessLauncherTest : public testing::Test {
 
   TemporaryDirectory folder_;
   transfer::EventLoop loop_;
-  std::vector<transfer::ApplicationId> ended_;
-  transfer::ProcessLauncher launcher_{loop_, "/the/folder", [this](transfer::ApplicationId id) { ended_.push_back(id); }};
+  std::vector<std::string> ended_;  // application and session
+  transfer::ProcessLauncher launcher_{loop_, "/the/folder", [this](transfer::ApplicationId id, const std::string& session) {
+                                        ended_.push_back(std::to_string(id) + " " + session);
+                                      }};
 };
 
 TEST_F(ProcessLauncherTest, TheEnvironmentNamesTheSession) {
@@ -87,9 +89,13 @@ TEST_F(ProcessLauncherTest, ItInheritsNoDescriptorAndNoSignal) {
   EXPECT_EQ(outputOf("for fd in " + numbers +
                      "; do test -e /proc/$$/fd/$fd && echo $fd $(readlink /proc/$$/fd/$fd | grep -c /dev/null); done"),
             "0 1\n1 0\n2 1\n");
+  // The shell itself reads: while it starts another program it blocks signals of its own accord.
+  const auto signalsOf = [](const std::string& name) {
+    return "while read -r name value; do test \"$name\" != " + name + ": || echo $value; done < /proc/$$/status";
+  };
+  EXPECT_EQ(outputOf(signalsOf("SigBlk")), "0000000000000000\n");
   // Signals 32 and 33 are the C library's own, which ignores them here and sets them up anew where it needs them.
-  EXPECT_EQ(outputOf("sed -n 's/^SigBlk:.//p' /proc/$$/status"), "0000000000000000\n");
-  EXPECT_EQ(outputOf("echo $(( 0x$(sed -n 's/^SigIgn:.//p' /proc/$$/status) & 0x7fffffff ))"), "0\n");
+  EXPECT_EQ(std::stoull(outputOf(signalsOf("SigIgn")), nullptr, 16) & 0x7fffffffU, 0U);
   (void)signal(SIGHUP, ignored);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   close(leaking);

@@ -72,6 +72,29 @@ TEST_F(PosixSpoolTest, OnlyPlainFilesAreTaken) {
   EXPECT_EQ(reasonOf("link.task"), "It is a symbolic link.");
   EXPECT_EQ(reasonOf("folder.task"), "It is no plain file.");
   EXPECT_EQ(reasonOf("pipe.task"), "It is no plain file.");
+  ASSERT_EQ(mknod(path("socket.task").c_str(), S_IFSOCK | 0600, 0), 0);
+  EXPECT_EQ(reasonOf("socket.task"), "It is no plain file.");
+}
+
+// Waiting makes none of them a task, and as long as one lies there the service would neither end nor rest.
+TEST_F(PosixSpoolTest, WhatIsNoTaskIsRefusedForGoodAndCanBeSetAside) {
+  ASSERT_EQ(geteuid(), 0U) << "only root can give a file to another user";
+  write("target", "secret");
+  fs::create_symlink(path("target"), path("link.task"));
+  fs::create_directories(path("folder.task/with/more"));
+  ASSERT_EQ(mkfifo(path("pipe.task").c_str(), 0600), 0);
+  write("theirs.task", "text");
+  ASSERT_EQ(chown(path("theirs.task").c_str(), 65534, 65534), 0);
+  for (const std::string name : {"link.task", "folder.task", "pipe.task", "theirs.task"}) {
+    const auto text = spool_.read(name);
+    ASSERT_FALSE(text) << name;
+    EXPECT_EQ(text.error().code(), platform::kFileReadNoPermission) << name;
+    spool_.setAside(name, text.error().localizedDescription());
+    EXPECT_TRUE(fs::exists(fs::symlink_status(path("refused/" + name)))) << name;
+    EXPECT_EQ(textOf("refused/" + name + ".reason"), text.error().localizedDescription() + "\n");
+  }
+  EXPECT_THAT(spool_.names(), IsEmpty());
+  EXPECT_EQ(textOf("target"), "secret");
 }
 
 TEST_F(PosixSpoolTest, AFileThatOthersCanWriteToIsRefused) {

@@ -224,6 +224,34 @@ TEST_F(Protocol, everyMemberOfAnEntryIsChecked) {
   EXPECT_EQ(entryRefusal(text, "\"trustAnchors\":\"/etc/anchors.pem\"", "\"trustAnchors\":7"), "“trustAnchors” is no text");
 }
 
+// The store keeps an entry as it is encoded here, and counts as damaged when it cannot be read back.
+TEST_F(Protocol, anEntryThatGrowsPastTheBoundWhenItIsEncodedIsRefused) {
+  transfer::SpoolEntry entry = test::entryFor("one");
+  entry.requestTimeout = 1e9;
+  entry.launchCommand.emplace_back();
+  entry.launchCommand.back().assign(transfer::kMaxMessageBytes - encode(entry).size(), 'x');
+  std::string text = encode(entry);
+  ASSERT_EQ(text.size(), transfer::kMaxMessageBytes);
+  EXPECT_EQ(decodeSpoolEntry(text).value(), entry);
+  const std::string number = "\"requestTimeout\":";
+  const std::size_t at = text.find(number) + number.size();
+  const std::size_t length = text.find(',', at) - at;
+  ASSERT_GT(length, 3U);
+  text.replace(at, length, "1e9");
+  text.insert(text.find("xxx"), length - 3, 'x');
+  ASSERT_EQ(text.size(), transfer::kMaxMessageBytes);
+  EXPECT_EQ(decodeSpoolEntry(text).error(), "longer than 1048576 bytes");
+}
+
+TEST_F(Protocol, anIdentifierThatMessagesCarryUnchangedIsOneOfASession) {
+  EXPECT_TRUE(transfer::isSessionIdentifier("com.example.GifUpload-ä"));
+  EXPECT_TRUE(transfer::isSessionIdentifier(std::string(transfer::kMaxSessionBytes, 'x')));
+  EXPECT_FALSE(transfer::isSessionIdentifier(std::string(transfer::kMaxSessionBytes + 1, 'x')));
+  EXPECT_FALSE(transfer::isSessionIdentifier(""));
+  EXPECT_FALSE(transfer::isSessionIdentifier(std::string_view("a\0b", 3)));
+  EXPECT_FALSE(transfer::isSessionIdentifier("\xE4"));
+}
+
 TEST_F(Protocol, whatJSONCannotSayIsReplaced) {
   EXPECT_EQ(encode(transfer::Refused{.reason = "a\xFFä\xC3"}), "{\"is\":\"refused\",\"reason\":\"a\xEF\xBF\xBDä\xEF\xBF\xBD\"}\n");
   transfer::SpoolEntry entry = test::entryFor("one");
