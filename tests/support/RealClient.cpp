@@ -8,6 +8,7 @@
 #include "companions/KSVDebugger.h"
 #include "platform/FileManager.h"
 #include "platform/UserDefaults.h"
+#include "platform/linux/ThreadQueues.h"
 #include "support/Event.h"
 
 namespace test {
@@ -32,7 +33,8 @@ RealClient::RealClient(const std::string& host, const std::string& authorityFile
 
 RealClient::~RealClient() {
   client_.reset();
-  // The services first, while the record is still in force: what runs on their threads reads it.
+  // What runs on the queues reads the record, so it ends before anything is taken out of that.
+  std::dynamic_pointer_cast<platform::ThreadQueues>(process_->queues)->close();
   process_->backgroundSessions.reset();
   process_->browserOpener.reset();
   process_->urlSession.reset();

@@ -432,7 +432,7 @@ ThreadQueues::ThreadQueues(std::shared_ptr<UncaughtException> uncaughtException)
       main_(std::make_shared<MainQueue>(crew_)),
       background_(std::make_shared<SerialQueue>(crew_, "background", Worker::Priority::kBackground)) {}
 
-ThreadQueues::~ThreadQueues() { crew_->close(); }
+void ThreadQueues::close() { crew_->close(); }
 
 std::shared_ptr<DispatchQueue> ThreadQueues::makeSerialQueue(std::string_view label) {
   return std::make_shared<SerialQueue>(crew_, label);

@@ -24,9 +24,7 @@ class ThreadQueues final : public DispatchQueues {
  public:
   /// Starts no thread.
   explicit ThreadQueues(std::shared_ptr<UncaughtException> uncaughtException);
-  /// Lets each running block end, drops the queued and the delayed ones and joins the threads; blocks submitted later are dropped.
-  /// Not from a block.
-  ~ThreadQueues() override;
+  ~ThreadQueues() override { close(); }
   ThreadQueues(const ThreadQueues&) = delete;
   ThreadQueues& operator=(const ThreadQueues&) = delete;
 
@@ -35,6 +33,9 @@ class ThreadQueues final : public DispatchQueues {
   std::shared_ptr<DispatchQueue> globalBackgroundQueue() override;
   /// The executor is called by whoever submits, from many threads perhaps at once, and must put the block aside and return.
   void setMainExecutor(Executor executor) override;
+  /// Lets each running block end, drops the queued and the delayed ones and joins the threads; blocks submitted later are dropped.
+  /// Not from a block. The queues stay valid, so that a block that is running may still ask for them.
+  void close();
 
  private:
   class Crew;
