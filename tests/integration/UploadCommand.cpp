@@ -159,13 +159,12 @@ TEST_F(UploadCommand, WaitShowsPeople) {
 }
 
 TEST_F(UploadCommand, WithoutWaitTheHostsFileMayGoAtOnceAndALaunchTakesTheOutcome) {
-  const DevServer server(keepGifs({"--read-rate", "6000000"}));
+  const DevServer server(keepGifs({"--read-rate", "1000000"}));
   const std::string path = gifFile();
   const Run done = command({"upload", path, "--share-id", "abc", "--json"}, &server);
   EXPECT_EQ(done.end, "exited with 0") << done.errors;
   EXPECT_EQ(text(done.report, "state"), "waiting");
   ASSERT_TRUE(fs::remove(path));
-  EXPECT_EQ(taken(server), 0U);
   ASSERT_TRUE(waitForState(&server, "delivered"));
   EXPECT_EQ(contentOf(gifs() / "000001.gif"), gif_);
   EXPECT_EQ(taken(server), 1U);
