@@ -130,8 +130,8 @@ class HostileAnswers : public testing::TestWithParam<Hostile> {
 TEST_P(HostileAnswers, EndTheProcessWhereAFaultIsMeantToAndNowhereElse) {
   const Hostile& hostile = GetParam();
   if (isChild()) {
+    Event called;  // outlives the client, whose callback may come after the message that is waited for
     Wire wire(TlsTestServer::answering(TlsTestServer::Answer{200, {}, hostile.body}));
-    Event called;
     makeCall(wire.client, called);
     if (hostile.message.empty())
       ASSERT_TRUE(called.wait());
