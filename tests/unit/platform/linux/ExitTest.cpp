@@ -214,16 +214,17 @@ TEST(ExitTest, Q3AServiceThatIsAStaticObjectDiesWithoutWaiting) {
 
 TEST(ExitTest, Q3ADigestOnAnotherThreadIsNotDisturbed) {
   if (test::isChild()) {
-    static platform::OpenSSLDigest digest;
-    static test::Event started;
+    // Never destroyed: the block goes on using them while the process ends.
+    static auto* const digest = new platform::OpenSSLDigest;
+    static auto* const started = new test::Event;
     foreverQueue()->async([] {
       for (;;) {
-        digest.hmac(platform::Digest::Algorithm::kSHA256, "key", {"text"});
-        digest.hash(platform::Digest::Algorithm::kSHA512, {"text"});
-        started.happen();
+        digest->hmac(platform::Digest::Algorithm::kSHA256, "key", {"text"});
+        digest->hash(platform::Digest::Algorithm::kSHA512, {"text"});
+        started->happen();
       }
     });
-    require(started.wait(), "the block started");
+    require(started->wait(), "the block started");
     std::exit(0);
   }
   expectChild("exited with 0");
