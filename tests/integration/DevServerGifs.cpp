@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +20,7 @@
 #include "platform/linux/OpenSSLDigest.h"
 #include "support/DevServer.h"
 #include "support/Event.h"
+#include "support/Files.h"
 #include "support/HttpsClient.h"
 #include "support/TemporaryDirectory.h"
 
@@ -88,10 +87,7 @@ class DevServerGifs : public ::testing::Test {
     std::ranges::sort(found);
     return found;
   }
-  std::string content(const std::string& name) const {
-    std::ifstream file(folder_ / name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
+  std::string content(const std::string& name) const { return test::contentOf(folder_ / name); }
   /// Each entry's verdict, bytes, file and whether it was taken.
   static std::vector<std::string> journal(const DevServer& server) {
     std::vector<std::string> lines;

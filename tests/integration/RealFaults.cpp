@@ -11,8 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <set>
@@ -23,6 +21,7 @@
 
 #include "support/CommandTest.h"
 #include "support/DevServer.h"
+#include "support/Files.h"
 #include "support/ForkedChild.h"
 #include "support/Program.h"
 
@@ -36,11 +35,6 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Not;
-
-std::string contentOf(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 class RealFaults : public CommandTest {
  protected:

@@ -14,15 +14,12 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <semaphore>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -35,6 +32,7 @@
 #include "platform/linux/TransferInspection.h"
 #include "support/DevServer.h"
 #include "support/Event.h"
+#include "support/Files.h"
 #include "support/Program.h"
 #include "support/RealClient.h"
 #include "support/TemporaryDirectory.h"
@@ -68,32 +66,9 @@ using testing::SizeIs;
 using Connection = TlsTestServer::Connection;
 using Texts = std::vector<std::string>;
 
-/// Bytes of all values, other ones for each number.
-std::string bytes(std::size_t count, std::uint32_t number = 1) {
-  std::string made = "GIF89a";
-  for (std::uint32_t state = number; made.size() < count; made += static_cast<char>(state >> 24U))
-    state = state * 1664525 + 1013904223;
-  return made;
-}
-
 std::string writeFile(const fs::path& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
   return path;
-}
-
-std::string contentOf(const fs::path& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-/// Asks until it is so; false at the limit.
-bool becomes(const std::function<bool()>& isSo) {
-  const auto limit = std::chrono::steady_clock::now() + kLimit;
-  while (!isSo()) {
-    if (std::chrono::steady_clock::now() > limit) return false;
-    std::this_thread::yield();
-  }
-  return true;
 }
 
 /// Keeps the service's folder, finds the service there, and ends it with the test.
@@ -449,11 +424,11 @@ TEST_F(UploadingClient, ASilentServerIsTriedAgain) {
       if (!connection.send(TlsTestServer::Answer{})) return;
   });
   RealClient client(host(server), certificateAuthorityFile(), 0.5);
-  upload(client, gif(bytes(100'000)));
+  upload(client, gif(gifOf(100'000)));
   ASSERT_TRUE(client.waitForMessage("Task 1 completed"));
   EXPECT_EQ(server.connections(), 2U);
   ASSERT_THAT(server.requests(), SizeIs(1));
-  EXPECT_TRUE(server.requests().front().body == bytes(100'000));
+  EXPECT_TRUE(server.requests().front().body == gifOf(100'000));
 }
 
 TEST_F(UploadingClient, AConnectionThatIsCutInTheMiddleIsFollowedByTheWholeFile) {
@@ -466,12 +441,12 @@ TEST_F(UploadingClient, AConnectionThatIsCutInTheMiddleIsFollowedByTheWholeFile)
       if (!connection.send(TlsTestServer::Answer{})) return;
   });
   RealClient client(host(server), certificateAuthorityFile());
-  upload(client, gif(bytes(kSize)));
+  upload(client, gif(gifOf(kSize)));
   fs::remove(folder_.path() + "/cat.gif");
   ASSERT_TRUE(client.waitForMessage("Task 1 completed"));
   EXPECT_EQ(server.connections(), 2U);
   ASSERT_THAT(server.requests(), SizeIs(1));
-  EXPECT_TRUE(server.requests().front().body == bytes(kSize));
+  EXPECT_TRUE(server.requests().front().body == gifOf(kSize));
 }
 
 TEST_F(UploadingClient, AServerThatIsAwayForAWhileGetsTheFileWhenItIsBack) {
@@ -483,13 +458,13 @@ TEST_F(UploadingClient, AServerThatIsAwayForAWhileGetsTheFileWhenItIsBack) {
   const std::string authority = writeFile(folder_.path() + "/authority.pem", contentOf(server->authorityFile()));
   RealClient client(server->host(), authority);
   EXPECT_EQ(server->stop(), "exited with 0");
-  upload(client, gif(bytes(100'000)));
+  upload(client, gif(gifOf(100'000)));
   ASSERT_TRUE(becomes([&] { return task(client).nextTryAt.has_value(); }));
   EXPECT_EQ(task(client).error.value_or(platform::Error("none", 0)).localizedDescription(), "Could not connect to the server.");
   server.emplace(state, Texts{"--gifs", gifs, "--port", port});
   ASSERT_EQ(server->fault(), "");
   ASSERT_TRUE(client.waitForMessage("Task 1 completed"));
-  EXPECT_TRUE(contentOf(gifs + "/000001.gif") == bytes(100'000));
+  EXPECT_TRUE(contentOf(gifs + "/000001.gif") == gifOf(100'000));
 }
 
 // A try that is cut after the server has seen its header: the service dies half way, and the next one sends the header again.
@@ -505,7 +480,7 @@ class UploadCutHalfWay : public UploadingClient {
                   {{"KESTROVA_TRANSFERD_DIE_AT", "body-half"}, {"KESTROVA_TRANSFER_DIR", directory_.path()}});
     ASSERT_EQ(transfer::waitForService(directory_), dying.process());
     RealClient client(server_->host(), server_->authorityFile());
-    upload(client, gif(bytes(20'000'000)));
+    upload(client, gif(gifOf(20'000'000)));
     EXPECT_EQ(dying.waitForEnd(), "killed by signal 9");
     ASSERT_TRUE(client.waitForMessage("Task 1 completed"));
     EXPECT_TRUE(becomes([&] { return uploadFiles(client).empty(); }));
@@ -520,7 +495,7 @@ TEST_F(UploadCutHalfWay, IsLetInAgainByAServerThatKeepsANonceForWholeUploadsOnly
   ASSERT_TRUE(server_->waitForLine("200 POST /gifs"));
   // The one that was cut had the first number.
   EXPECT_FALSE(fs::exists(gifs() + "/000001.gif"));
-  EXPECT_TRUE(contentOf(gifs() + "/000002.gif") == bytes(20'000'000));
+  EXPECT_TRUE(contentOf(gifs() + "/000002.gif") == gifOf(20'000'000));
 }
 
 TEST_F(UploadCutHalfWay, IsRefusedByAStrictServerAndCountsAsCompleted) {
@@ -552,7 +527,7 @@ TEST_P(ManyUploads, AllArriveWholeAndTheServiceStaysSmall) {
   ASSERT_EQ(transfer::waitForService(directory_), service.process());
   RealClient client(host(server), certificateAuthorityFile());
   for (int i = 0; i < kUploads; ++i) {
-    const std::string path = gif(bytes(kSize, static_cast<std::uint32_t>(i)));
+    const std::string path = gif(gifOf(kSize, static_cast<std::uint32_t>(i)));
     upload(client, path, std::to_string(i));
     ASSERT_TRUE(fs::remove(path));
   }
@@ -570,7 +545,7 @@ TEST_P(ManyUploads, AllArriveWholeAndTheServiceStaysSmall) {
   for (const auto& request : requests) {
     const auto number = static_cast<std::uint32_t>(std::stoul(request.target.substr(std::string_view("/gifs?shareId=").size())));
     seen.at(number) = true;
-    EXPECT_TRUE(request.body == bytes(kSize, number)) << request.target;
+    EXPECT_TRUE(request.body == gifOf(kSize, number)) << request.target;
   }
   EXPECT_EQ(std::ranges::count(seen, false), 0);
   EXPECT_TRUE(becomes([&] { return uploadFiles(client).empty(); }));

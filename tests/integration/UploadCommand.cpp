@@ -3,21 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "support/CommandTest.h"
 #include "support/DevServer.h"
 #include "support/Event.h"
+#include "support/Files.h"
 #include "support/Program.h"
 
 namespace {
@@ -25,32 +21,20 @@ namespace {
 namespace fs = std::filesystem;
 using platform::Dictionary;
 using platform::Value;
+using test::becomes;
+using test::contentOf;
 using test::DevServer;
 using test::Program;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-/// Looks again and again until the condition holds; false at the limit.
-bool waitUntil(const std::function<bool()>& condition) {
-  for (const auto limit = std::chrono::steady_clock::now() + test::kLimit; std::chrono::steady_clock::now() < limit;) {
-    if (condition()) return true;
-    std::this_thread::yield();
-  }
-  return false;
-}
-
-std::string contentOf(const fs::path& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
 class UploadCommand : public test::CommandTest {
  protected:
   ~UploadCommand() override {
     if (const pid_t service = serviceProcess(); service > 0) ::kill(service, SIGTERM);
     // It ends before its folder goes.
-    EXPECT_TRUE(waitUntil([&] { return serviceProcess() == 0; }));
+    EXPECT_TRUE(becomes([&] { return serviceProcess() == 0; }));
   }
 
   Program::Variables withService(const DevServer* server) {
@@ -74,11 +58,7 @@ class UploadCommand : public test::CommandTest {
   }
 
   std::string gifFile(std::size_t bytes = 3'000'000) {
-    gif_ = "GIF89a";
-    for (std::uint32_t state = 1; gif_.size() < bytes;) {
-      state = state * 1664525 + 1013904223;
-      gif_ += static_cast<char>(state >> 24U);
-    }
+    gif_ = test::gifOf(bytes);
     return file("cat.gif", gif_);
   }
   fs::path gifs() const { return home.path() + "/gifs"; }
@@ -88,7 +68,7 @@ class UploadCommand : public test::CommandTest {
   }
   /// Waits until the server has so much of a GIF, and not all.
   bool waitForPart(std::uintmax_t bytes) const {
-    return waitUntil([&] {
+    return becomes([&] {
       for (const auto& entry : fs::directory_iterator(gifs())) {
         std::error_code gone;
         const auto size = entry.file_size(gone);
@@ -113,7 +93,7 @@ class UploadCommand : public test::CommandTest {
   }
   /// Waits until the only upload has that state.
   bool waitForState(const DevServer* server, const std::string& state) {
-    return waitUntil([&] {
+    return becomes([&] {
       const auto all = uploads(server);
       return all.size() == 1 && text(all[0], "state") == state;
     });

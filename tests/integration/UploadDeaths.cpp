@@ -27,7 +27,6 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -42,6 +41,7 @@
 #include "platform/linux/TransferInspection.h"
 #include "support/DevServer.h"
 #include "support/Event.h"
+#include "support/Files.h"
 #include "support/ForkedChild.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
@@ -63,40 +63,20 @@ namespace fs = std::filesystem;
 using platform::Dictionary;
 using test::ApplicationPlace;
 using test::ApplicationRecord;
+using test::becomes;
+using test::contentOf;
 using test::DevServer;
+using test::gifOf;
 using test::Program;
 using ::testing::IsEmpty;
 
 using Clock = std::chrono::steady_clock;
-
-/// Looks again and again until the condition holds; false at the limit.
-bool waitUntil(const std::function<bool()>& condition, Clock::time_point limit) {
-  while (!condition()) {
-    if (Clock::now() >= limit) return false;
-    (void)poll(nullptr, 0, 2);  // between two looks, for the sake of those that are looked at
-  }
-  return true;
-}
-
-std::string contentOf(const fs::path& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
 
 std::vector<std::string> namesIn(const fs::path& folder) {
   std::vector<std::string> names;
   std::error_code missing;
   for (const auto& entry : fs::directory_iterator(folder, missing)) names.push_back(entry.path().filename().string());
   return names;
-}
-
-std::string gifOf(std::uint32_t seed, std::size_t bytes) {
-  std::string gif = "GIF89a";
-  for (std::uint32_t state = seed; gif.size() < bytes;) {
-    state = state * 1664525 + 1013904223;
-    gif += static_cast<char>(state >> 24U);
-  }
-  return gif;
 }
 
 /// Who is killed at a step.
@@ -119,14 +99,14 @@ class UploadDeaths : public testing::Test {
       const pid_t service = killService();
       return killApplications() == 0 && service == 0;
     };
-    EXPECT_TRUE(waitUntil(areGone, Clock::now() + test::kLimit)) << "somebody outlives the test\n" << situation();
+    EXPECT_TRUE(becomes(areGone, Clock::now() + test::kLimit)) << "somebody outlives the test\n" << situation();
     server.reset();
   }
 
   // Waiting. All waits of a test end by one limit.
 
   testing::AssertionResult comes(const std::string& what, const std::function<bool()>& condition) const {
-    if (waitUntil(condition, limit)) return testing::AssertionSuccess();
+    if (becomes(condition, limit)) return testing::AssertionSuccess();
     return testing::AssertionFailure() << "still waiting for " << what << " at the limit\n" << situation();
   }
   /// For whoever reads of a failure.
@@ -179,7 +159,7 @@ class UploadDeaths : public testing::Test {
     (void)application.write("upload " + path + " " + share + "\n");
   }
   void upload(Program& application, const std::string& share = "cat") {
-    giveUpload(application, share, gifOf(1, kGifBytes));
+    giveUpload(application, share, gifOf(kGifBytes, 1));
     ASSERT_TRUE(application.waitForLine("uploaded " + share)) << application.errors();
   }
   std::string hostFile(const std::string& share) const { return place.root + "/" + share + ".gif"; }
@@ -490,7 +470,7 @@ TEST_P(UploadApplicationDeaths, TheOutcomeIsSeenAgainOnlyBetweenTheOperationAndI
   if (victim == Victim::kBoth) letNoServiceBeStarted();
   if (step != "sending") dieAt(step, victim);
   auto application = startApplication();
-  giveUpload(*application, "cat", gifOf(1, kGifBytes));
+  giveUpload(*application, "cat", gifOf(kGifBytes, 1));
   if (step == "sending" || step == "launched" || step == "finished") {
     ASSERT_TRUE(waitForPart());
     if (step == "sending" && victim == Victim::kBoth) killService();
@@ -524,7 +504,7 @@ TEST_F(UploadDeaths, AnApplicationThatDiesBeforeTheTaskIsInTheSpoolHasUploadedNo
     const auto service = startService();
     dieAt("before-rename", victim);
     const auto application = startApplication();
-    giveUpload(*application, "cat", gifOf(1, kGifBytes));
+    giveUpload(*application, "cat", gifOf(kGifBytes, 1));
     EXPECT_EQ(application->waitForEnd(), "killed by signal 9");
     if (victim == Victim::kBoth) {
       EXPECT_EQ(service->waitForEnd(), "killed by signal 9");
@@ -627,7 +607,7 @@ class UploadDeathsAtRandom : public UploadDeaths {
     if (given.size() >= sessionsWithOutcome().size() + kGifsAtOnce) return;
     for (std::uint32_t count = draw(3); count > 0; --count) {
       const auto number = static_cast<std::uint32_t>(given.size() + 1);
-      giveUpload(*application, "share" + std::to_string(number), gifOf(number, 20'000 + draw(40'000)));
+      giveUpload(*application, "share" + std::to_string(number), gifOf(20'000 + draw(40'000), number));
     }
   }
   void goThroughDeaths() {

@@ -13,22 +13,17 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 #include "platform/Data.h"
 #include "platform/linux/RapidJSONSerialization.h"
 #include "support/Event.h"
+#include "support/Files.h"
 
 extern char** environ;
 
 namespace test {
 namespace {
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 platform::Dictionary parsed(std::string_view text) {
   const auto value = platform::makeRapidJSONSerialization()->read(platform::Data(text));

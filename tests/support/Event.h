@@ -1,6 +1,8 @@
 // Something that happens once, for tests that wait for what another thread does: with a limit, never with a sleep.
 #pragma once
 
+#include <poll.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -9,6 +11,20 @@ namespace test {
 
 /// Far longer than anything a test waits for takes, also on a busy machine under a sanitizer.
 inline constexpr std::chrono::seconds kLimit{60};
+
+/// Looks again and again until it is so, for what happens in another process; false at the limit.
+template <class Condition>
+[[nodiscard]] bool becomes(const Condition& isSo, std::chrono::steady_clock::time_point limit) {
+  while (!isSo()) {
+    if (std::chrono::steady_clock::now() >= limit) return false;
+    (void)poll(nullptr, 0, 2);  // between two looks, for the sake of those that are looked at
+  }
+  return true;
+}
+template <class Condition>
+[[nodiscard]] bool becomes(const Condition& isSo) {
+  return becomes(isSo, std::chrono::steady_clock::now() + kLimit);
+}
 
 class Event {
  public:

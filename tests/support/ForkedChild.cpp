@@ -12,22 +12,15 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
+#include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 
 namespace test {
 namespace {
 
 constexpr unsigned kNobody = 65534;
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
 
 [[noreturn]] void execute(const std::vector<std::string>& arguments, const std::string& outputPath) {
   if (!std::freopen(outputPath.c_str(), "w", stdout)) ::_exit(126);

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <regex>
 #include <string>
@@ -27,6 +26,7 @@
 #include "platform/linux/GetrandomSecureRandom.h"
 #include "platform/linux/TransferDirectory.h"
 #include "support/ChildProcess.h"
+#include "support/Files.h"
 #include "support/ForkedChild.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestProcess.h"
@@ -43,11 +43,6 @@ using testing::MatchesRegex;
 using testing::SizeIs;
 
 constexpr const char* kRootVariable = "KESTROVA_SPOOL_TEST_ROOT";
-
-std::string contentOf(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 unsigned modeOf(const fs::path& path) {
   struct stat status{};

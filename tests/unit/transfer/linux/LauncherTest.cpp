@@ -7,13 +7,12 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "platform/linux/FileDescriptor.h"
 #include "support/Event.h"
+#include "support/Files.h"
 #include "support/TemporaryDirectory.h"
 #include "transfer/linux/EventLoop.h"
 #include "transfer/linux/ProcessLauncher.h"
@@ -38,8 +37,7 @@ class ProcessLauncherTest : public testing::Test {
   std::string outputOf(const std::string& script, const std::optional<std::string>& anchors = std::nullopt) {
     const std::string file = folder_.path() + "/output";
     runToEnd({"/bin/sh", "-c", "{ " + script + "; } > \"$1\"", "application", file}, anchors);
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
+    return contentOf(file);
   }
   std::string errorOf(const std::vector<std::string>& command) {
     const auto launched = launcher_.launch(1, command, "session", std::nullopt);
