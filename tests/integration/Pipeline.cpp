@@ -5,14 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <filesystem>
-#include <functional>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -20,6 +17,7 @@
 #include "platform/JSONSerialization.h"
 #include "support/ChildProcess.h"
 #include "support/DevServer.h"
+#include "support/Event.h"
 #include "support/RealClient.h"
 #include "support/TlsTestServer.h"
 
@@ -70,16 +68,6 @@ std::string challengeFor(std::int64_t time) {
 std::size_t threads() {
   const std::filesystem::directory_iterator tasks("/proc/self/task");
   return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
-/// Looks again and again until it is so; false when that takes too long.
-bool becomes(const std::function<bool()>& isSo) {
-  const auto deadline = std::chrono::steady_clock::now() + kLimit;
-  while (!isSo()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::yield();
-  }
-  return true;
 }
 
 // Against the development server.

@@ -129,10 +129,11 @@ void DevServer::readReadyLine() {
   authorityFile_ = ready.objectForKey("caFile")->string().view();
 }
 
+// A line without its end is still being written.
 std::vector<platform::Dictionary> DevServer::requests() const {
   std::vector<platform::Dictionary> entries;
   std::ifstream file(journalFile());
-  for (std::string line; std::getline(file, line);) entries.push_back(parsed(line));
+  for (std::string line; std::getline(file, line) && !file.eof();) entries.push_back(parsed(line));
   return entries;
 }
 
