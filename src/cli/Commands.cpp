@@ -3,11 +3,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "cli/Doctor.h"
 #include "cli/EventInput.h"
 #include "cli/Host.h"
 #include "cli/LineReader.h"
@@ -24,6 +26,7 @@ namespace {
 
 int finishRun(Host& host, const Options& options, const std::vector<BadLine>& badLines = {}) {
   const Account account = host.account();
+  host.rememberFailure(account);
   printAccount(account, badLines, host.directives(), options.json);
   return account.exitStatus(!badLines.empty());
 }
@@ -154,6 +157,14 @@ int runStatus(const Options& options) {
   printLine(fmt::format("state             {}", support ? support->path() : "(no folder)"));
   printLine(fmt::format("features off      {}{}", features, reasons ? " because " + reasons->description() : ""));
   return kDelivered;
+}
+
+int runDoctor(const Options& options) {
+  const Host host(options);
+  const std::vector<Finding> findings = diagnose(options);
+  printFindings(findings, options.json);
+  const bool isIll = std::ranges::any_of(findings, [](const Finding& finding) { return finding.state == Finding::State::kIll; });
+  return isIll ? kFailed : kDelivered;
 }
 
 }  // namespace cli

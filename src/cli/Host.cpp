@@ -2,6 +2,7 @@
 #include "cli/Host.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -19,6 +20,8 @@
 #include "client/KSVData.h"
 #include "companions/KSVDebugger.h"
 #include "companions/KSVFeatureControl.h"
+#include "companions/KSVUtils.h"
+#include "platform/Date.h"
 #include "platform/FileManager.h"
 #include "platform/JSONSerialization.h"
 #include "platform/Process.h"
@@ -286,6 +289,15 @@ Account Host::account() const {
          "and the application's identifier"] = traffic.challenges - resubmissions_;
   }
   return account;
+}
+
+void Host::rememberFailure(const Account& account) {
+  auto& defaults = platform::UserDefaults::standardUserDefaults();
+  if (account.reasons.empty()) return defaults.setObjectForKey(std::nullopt, kLastFailureDefault);
+  std::string story =
+      KSVUtils::getIso8601(platform::Date::date()) + ": " + fmt::format("{} kept, {} lost", account.kept, account.lost);
+  for (const auto& [reason, count] : account.reasons) story += "; " + reason;
+  defaults.setObjectForKey(platform::Value(story), kLastFailureDefault);
 }
 
 }  // namespace cli

@@ -84,6 +84,8 @@ class Host {
   Outcome outcome() const;
 
   Account account() const;
+  /// Keeps for the doctor why events were kept or lost, or forgets it when none were.
+  void rememberFailure(const Account& account);
   const std::shared_ptr<Activity>& activity() const { return activity_; }
   const std::shared_ptr<UploadWatch>& uploads() const { return uploads_; }
   /// Is told each line of the trace; before the start.
@@ -121,8 +123,10 @@ class Host {
   platform::Dictionary directives_;
 };
 
-/// User-defaults keys under which this host remembers what the server switched off, for the status command.
+/// User-defaults keys under which this host remembers what the server switched off, for the status command, and why the last run
+/// that sent something left events behind, for the doctor.
 inline constexpr const char* kFeaturesDefault = "kestrova.command.remotelyDisabledFeatures";
 inline constexpr const char* kReasonsDefault = "kestrova.command.remotelyDisabledReasons";
+inline constexpr const char* kLastFailureDefault = "kestrova.command.lastFailure";
 
 }  // namespace cli

@@ -37,8 +37,8 @@ std::string readSecretFile(const std::string& path) {
 bool isOn(const std::optional<std::string>& value) { return value && !value->empty() && *value != "0"; }
 
 bool needsServer(Command command) {
-  constexpr std::array kLocal{Command::kQueue,   Command::kStatus,        Command::kShareList,   Command::kDemo,
-                              Command::kUploads, Command::kUploadsCancel, Command::kHandleEvents};
+  constexpr std::array kLocal{Command::kQueue, Command::kStatus,  Command::kDoctor,        Command::kShareList,
+                              Command::kDemo,  Command::kUploads, Command::kUploadsCancel, Command::kHandleEvents};
   return std::ranges::find(kLocal, command) == kLocal.end();
 }
 
@@ -115,6 +115,7 @@ void addCommands(CLI::App& app, Options& options) {
   add("flush", "send what waits on disk", Command::kFlush);
   add("queue", "show what waits on disk", Command::kQueue);
   add("status", "show identity, clock correction, paths and switched-off features", Command::kStatus);
+  add("doctor", "tell what is well with the delivery, what is not, and what to do", Command::kDoctor);
   addShareCommands(app, options);
   CLI::App* patch = add("patch", "add data to the session-started event that the server holds", Command::kPatch);
   patch->add_option("JSON", options.jsonData, "what to add, a JSON object")->required();
@@ -131,6 +132,7 @@ Exit status: 0 everything delivered, 1 the command itself failed, 2 bad usage or
 (4 before 3 before 2). A batch whose signature the server refuses is lost. Shares and patches are not kept: what does not arrive is lost.
 An upload that goes on without the command is kept; one that failed, or that the server refused, is lost.
 A refresh without an answer and a match that did not complete end with 1, a refresh with codes that the server does not know with 2.
+The doctor ends with 1 when something keeps events or uploads from arriving.
 
 Events leave ten at a time, at a session start, and when the input ends. One home is used by one command at a time; others wait.
 
@@ -141,7 +143,8 @@ Examples:
   kestrova share submit --data '{"gif": "g169a7"}' --url https://share.example.com/ab
   kestrova share refresh YxTqP2ma9BcDeFgHiJ
   kestrova upload cat.gif --share-id BcDeFgHiJ --wait
-  kestrova queue)";
+  kestrova queue
+  kestrova doctor)";
 
 }  // namespace
 

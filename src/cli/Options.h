@@ -16,6 +16,7 @@ enum class Command {
   kFlush,
   kQueue,
   kStatus,
+  kDoctor,
   kShareSubmit,
   kShareRefresh,
   kShareList,

@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <string_view>
 
 #include "platform/JSONSerialization.h"
 
@@ -18,6 +20,29 @@ constexpr double kTerminalInterval = 0.1;  // seconds
 constexpr double kPlainInterval = 5;       // seconds
 
 platform::Value textOrNull(const std::optional<std::string>& text) { return text ? platform::Value(*text) : platform::Value(); }
+
+/// Whether colours are wanted there: on a terminal that knows them, unless NO_COLOR is set (https://no-color.org).
+bool showsColours(int descriptor) {
+  const char* refused = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  return isatty(descriptor) == 1 && !(refused && *refused) && terminal && std::string_view(terminal) != "dumb";
+}
+
+struct Mark {
+  const char* word;
+  std::string colour;  // the terminal's sequence that begins it
+};
+Mark markOf(Finding::State state) {
+  switch (state) {
+    case Finding::State::kWell:
+      return {"well", "\033[32m"};
+    case Finding::State::kNotice:
+      return {"notice", "\033[33m"};
+    case Finding::State::kIll:
+      break;
+  }
+  return {"ill", "\033[31m"};
+}
 
 platform::Dictionary accountObject(const Account& account, const std::vector<BadLine>& badLines,
                                    const platform::Dictionary& directives) {
@@ -100,6 +125,26 @@ void printQueue(const QueueContent& queue, bool json) {
     printLine(fmt::format("{} that {} not parse; the next send drops {}", counted(queue.badLines, "line"),
                           queue.badLines == 1 ? "does" : "do", queue.badLines == 1 ? "it" : "them"));
   if (queue.hasUnendedTail) printLine("The last record is incomplete.");
+}
+
+void printFindings(const std::vector<Finding>& findings, bool json) {
+  if (json) {
+    platform::Array list;
+    for (const Finding& finding : findings)
+      list.addObject(platform::Value(platform::Dictionary{{"state", markOf(finding.state).word},
+                                                          {"subject", finding.subject},
+                                                          {"what", finding.what},
+                                                          {"advice", finding.advice}}));
+    printJSON({{"findings", list}});
+    return;
+  }
+  const bool isColoured = showsColours(STDOUT_FILENO);
+  for (const Finding& finding : findings) {
+    const Mark mark = markOf(finding.state);
+    const std::string word = fmt::format("{:<6}", mark.word);
+    printLine(fmt::format("{}  {:<11}  {}", isColoured ? mark.colour + word + "\033[0m" : word, finding.subject, finding.what));
+    if (!finding.advice.empty()) printLine(fmt::format("{:21}{}", "", finding.advice));
+  }
 }
 
 Progress::Progress() : isTerminal_(isatty(STDERR_FILENO) == 1), last_(secondsNow()) {}

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/Doctor.h"
 #include "cli/Host.h"
 #include "cli/QueueInspection.h"
 #include "platform/Value.h"
@@ -25,6 +26,8 @@ void printReasons(const std::map<std::string, std::uint64_t>& reasons);
 /// The reasons as a JSON object, each with how often it was there.
 platform::Dictionary reasonsObject(const std::map<std::string, std::uint64_t>& reasons);
 void printQueue(const QueueContent& queue, bool json);
+/// A line for each finding, in colour on a terminal, with what to do below those that ask for something.
+void printFindings(const std::vector<Finding>& findings, bool json);
 
 /// A line on standard output.
 void printLine(const std::string& line);

@@ -21,6 +21,8 @@ int run(const cli::Options& options) {
       return cli::runQueue(options);
     case cli::Command::kStatus:
       return cli::runStatus(options);
+    case cli::Command::kDoctor:
+      return cli::runDoctor(options);
     case cli::Command::kShareSubmit:
       return cli::runShareSubmit(options);
     case cli::Command::kShareRefresh:

@@ -1,0 +1,207 @@
+// Looking at what delivery rests on.
+#include "cli/Doctor.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "cli/Host.h"
+#include "cli/QueueInspection.h"
+#include "cli/Report.h"
+#include "companions/KSVUtils.h"
+#include "companions/Kestrova.h"
+#include "platform/Data.h"
+#include "platform/Date.h"
+#include "platform/Error.h"
+#include "platform/FileManager.h"
+#include "platform/URLSession.h"
+#include "platform/UserDefaults.h"
+#include "platform/linux/TransferInspection.h"
+
+namespace cli {
+namespace {
+
+using State = Finding::State;
+
+// Under it the next write may be the one that does not fit.
+constexpr std::uint64_t kLittleSpace = std::uint64_t{16} * 1024 * 1024;
+// A file over it is cut down to its newest records by the next append.
+constexpr std::uint64_t kQueueLimit = 1'048'576;
+// The window in which servers take a signature, to either side.
+constexpr double kClockTolerance = 60;  // seconds
+
+Finding application(const Options& options) {
+  if (options.bundleId) return {State::kWell, "application", *options.bundleId, ""};
+  return {State::kNotice, "application", "has no identifier; its events count as a test's",
+          "give --bundle-id or KESTROVA_BUNDLE_ID, the name that the server knows it by"};
+}
+
+Finding secret(const Options& options) {
+  if (options.secret) return {State::kWell, "secret", "is there, and is shown nowhere", ""};
+  return {State::kIll, "secret", "is not given; the server refuses what is not signed",
+          "give --secret-file with a file that only you can read, or KESTROVA_SECRET"};
+}
+
+/// Writes a file where the application's temporary files are, on the volume of its state, and removes it.
+std::optional<std::string> writingFails() {
+  auto& files = platform::FileManager::defaultManager();
+  const auto folder = files.temporaryDirectory();
+  if (!folder) return folder.error().localizedDescription();
+  const platform::URL probe = folder->URLByAppendingPathComponent("doctor-" + KSVUtils::randomStringWithLength(12));
+  if (const auto written = files.writeDataWithoutOverwriting(platform::Data("probe"), probe); !written)
+    return written.error().localizedDescription();
+  if (const auto removed = files.removeItemAtURL(probe); !removed) return removed.error().localizedDescription();
+  return std::nullopt;
+}
+
+Finding folder() {
+  const auto support = KSVUtils::applicationSupportDirectory();
+  if (!support)
+    return {State::kIll, "folder", "can be neither found nor made",
+            "set HOME or XDG_DATA_HOME to a folder of yours, or give another one with --home"};
+  if (const auto reason = writingFails())
+    return {State::kIll, "folder", support->path() + " cannot be written to: " + *reason,
+            "what cannot be delivered now is lost; give yourself the right to write there, or another folder with --home"};
+  std::error_code error;
+  const auto space = std::filesystem::space(support->path(), error);
+  if (!error && space.available < kLittleSpace)
+    return {State::kNotice, "folder", fmt::format("{} has {} KiB left on its disk", support->path(), space.available / 1024),
+            "make room: a batch that does not fit is lost"};
+  return {State::kWell, "folder", support->path() + " can be written to", ""};
+}
+
+Finding queue() {
+  const auto content = inspectQueue();
+  if (!content)
+    return {State::kIll, "queue", "cannot be read: " + content.error().localizedDescription(),
+            "give yourself the right to read it; nothing of it is sent until then"};
+  if (content->bytes == 0) return {State::kWell, "queue", "is empty: nothing waits", ""};
+  const std::string waits = fmt::format("{} of {}, the oldest from {}", counted(content->records, "record"),
+                                        counted(content->bytes, "byte"), content->oldest.value_or("an unknown time"));
+  if (content->badLines > 0 || content->hasUnendedTail)
+    return {State::kNotice, "queue",
+            fmt::format("{}; {} damaged, which the next send drops", waits,
+                        counted(content->badLines + (content->hasUnendedTail ? 1 : 0), "line")),
+            "copy " + content->path + " if you want to look at it"};
+  if (content->bytes > kQueueLimit)
+    return {State::kNotice, "queue", waits + "; it is over its limit, and the next batch that fails cuts off the oldest ones",
+            "see what keeps the server from taking them, then run `kestrova flush`"};
+  return {State::kNotice, "queue", waits, "they go out with the next events, or with `kestrova flush`"};
+}
+
+std::optional<Finding> lastRun() {
+  const auto remembered = platform::UserDefaults::standardUserDefaults().objectForKey(kLastFailureDefault);
+  if (!remembered) return std::nullopt;
+  return Finding{State::kNotice, "last run", remembered->description(), ""};
+}
+
+struct Answer {
+  platform::HTTPURLResponseRef response;
+  std::optional<platform::Error> error;
+};
+
+Answer ask(const std::string& host, double timeout) {
+  const auto promise = std::make_shared<std::promise<Answer>>();
+  auto answered = promise->get_future();
+  const platform::URLRequest request(platform::URL::URLWithString("https://" + host + "/"));
+  const auto task = platform::URLSession::sharedSession().dataTaskWithRequestCompletionHandler(
+      request, [promise](const std::optional<platform::Data>&, platform::HTTPURLResponseRef response,
+                         std::optional<platform::Error> error) { promise->set_value({std::move(response), std::move(error)}); });
+  task->resume();
+  if (answered.wait_for(std::chrono::duration<double>(timeout)) != std::future_status::ready) task->cancel();
+  return answered.get();
+}
+
+std::string adviceOn(const platform::Error& error) {
+  switch (error.code()) {
+    case platform::kURLErrorCannotFindHost:
+      return "check the name, and whether this machine's name server answers";
+    case platform::kURLErrorCannotConnectToHost:
+      return "check the port, and whether the server runs; `kestrova-devserver` starts one here";
+    case platform::kURLErrorServerCertificateUntrusted:
+      return "a development server's authority is named by SSL_CERT_FILE; else do not go on, somebody may be in between";
+    case platform::kURLErrorServerCertificateHasBadDate:
+      return "check this machine's date, then the server's certificate";
+    case platform::kURLErrorTimedOut:
+    case platform::kURLErrorCancelled:
+      return "it did not answer in time: check the network, or give more with --timeout";
+    default:
+      return "events are kept and sent later; check the network";
+  }
+}
+
+/// Server time minus device time by the answer's Date, which has whole seconds. Absent without a date that can be read.
+std::optional<double> clockDifference(const platform::HTTPURLResponseRef& response) {
+  const auto date = platform::headerField(response, "Date");
+  std::tm time{};
+  if (!date || !strptime(date->c_str(), "%a, %d %b %Y %H:%M:%S GMT", &time)) return std::nullopt;
+  return static_cast<double>(timegm(&time)) - platform::Date::date().timeIntervalSince1970();
+}
+
+Finding clock(const std::optional<double>& difference) {
+  const std::int64_t correction =
+      platform::UserDefaults::standardUserDefaults().integerForKey(*Kestrova::defaultConstants().hawkLocalTimeSkew);
+  const std::string corrected = fmt::format("the stored correction is {} s", correction);
+  if (!difference) return {State::kWell, "clock", corrected + "; the server told no time to compare with", ""};
+  const double off = *difference - static_cast<double>(correction);
+  if (std::abs(off) <= kClockTolerance) return {State::kWell, "clock", corrected + ", and agrees with the server's", ""};
+  return {State::kNotice, "clock", fmt::format("{}, and is {:.0f} s away from the server's", corrected, std::abs(off)),
+          "nothing need be done: the next send is refused once, corrects it and is sent again"};
+}
+
+void addServer(const Options& options, std::vector<Finding>& findings) {
+  if (!options.apiHost) {
+    findings.push_back({State::kIll, "server", "is not named", "give --api-host or KESTROVA_API_HOST"});
+    findings.push_back(clock(std::nullopt));
+    return;
+  }
+  const Answer answer = ask(*options.apiHost, options.timeout);
+  if (answer.error)
+    findings.push_back(
+        {State::kIll, "server", *options.apiHost + ": " + answer.error->localizedDescription(), adviceOn(*answer.error)});
+  else
+    findings.push_back({State::kWell, "server", *options.apiHost + " answers, and its certificate is trusted", ""});
+  findings.push_back(clock(clockDifference(answer.response)));
+}
+
+Finding uploads(const Options& options) {
+  const auto asked = platform::TransferInspection(systemOptionsOf(options)).sessions();
+  if (!asked)
+    return {State::kIll, "uploads", "the transfer service is not reached: " + asked.error().localizedDescription(),
+            "kestrova-transferd must lie beside the program or in PATH, and its folder be yours alone"};
+  if (!*asked) return {State::kWell, "uploads", "none under way; the transfer service is started when one is", ""};
+  std::uint64_t open = 0;
+  const transfer::TaskStatus* failing = nullptr;
+  for (const auto& session : **asked)
+    for (const auto& task : session.tasks) {
+      if (task.state == transfer::TaskStatus::State::kCompleted) continue;
+      ++open;
+      if (task.error) failing = &task;
+    }
+  const std::string running = fmt::format("the transfer service runs and has {} under way", counted(open, "upload"));
+  if (!failing) return {State::kWell, "uploads", running, ""};
+  return {State::kNotice, "uploads",
+          fmt::format("{}; the last try of one failed: {}", running, failing->error->localizedDescription()),
+          "it is tried again for up to 7 days; `kestrova uploads` has each one's state"};
+}
+
+}  // namespace
+
+std::vector<Finding> diagnose(const Options& options) {
+  std::vector<Finding> findings{application(options), secret(options), folder(), queue()};
+  if (auto last = lastRun()) findings.push_back(*std::move(last));
+  addServer(options, findings);
+  findings.push_back(uploads(options));
+  return findings;
+}
+
+}  // namespace cli

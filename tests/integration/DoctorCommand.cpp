@@ -1,0 +1,143 @@
+// `kestrova doctor`: each thing that it looks at, well and ill, against a real server and a real transfer service's folder.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Value.h"
+#include "support/CommandTest.h"
+#include "support/DevServer.h"
+#include "support/Files.h"
+#include "support/Program.h"
+#include "support/TlsTestServer.h"
+
+namespace test {
+namespace {
+
+using platform::Value;
+using testing::HasSubstr;
+using testing::Not;
+
+class Doctor : public CommandTest {
+ protected:
+  /// With a folder for the transfer service of this test alone.
+  Run examine(const DevServer* server, Program::Variables more = {}, const std::vector<std::string>& options = {"--json"}) {
+    more.emplace_back("KESTROVA_TRANSFER_DIR", home.path() + "/transfer");
+    std::vector<std::string> arguments = options;
+    arguments.emplace_back("doctor");
+    return run(arguments, server, more);
+  }
+  static std::string text(const Run& run, std::string_view subject, std::string_view key) {
+    const auto findings = run.report.objectForKey("findings");
+    if (!findings) return "no findings: " + run.output + run.errors;
+    for (const Value& finding : findings->array())
+      if (finding.objectForKey("subject") == Value(std::string(subject))) return finding.objectForKey(key)->description();
+    return "nothing on " + std::string(subject);
+  }
+  std::string queueFile() const { return home.path() + "/home/" + DevServer::kAppId + "/application-support/event-queue.json"; }
+};
+
+TEST_F(Doctor, FindsAllWellBesideAServerThatAnswers) {
+  const DevServer server;
+  const Run done = examine(&server);
+  EXPECT_EQ(done.end, "exited with 0") << done.output << done.errors;
+  for (const char* subject : {"application", "secret", "folder", "queue", "server", "clock", "uploads"})
+    EXPECT_EQ(text(done, subject, "state"), "well") << subject << ": " << text(done, subject, "what");
+  EXPECT_EQ(text(done, "last run", "state"), "nothing on last run");
+  EXPECT_EQ(text(done, "queue", "what"), "is empty: nothing waits");
+  EXPECT_EQ(text(done, "server", "what"), server.host() + " answers, and its certificate is trusted");
+  EXPECT_THAT(done.output + done.errors, Not(HasSubstr(DevServer::kSecret)));
+}
+
+TEST_F(Doctor, SaysInLinesWhatToDo) {
+  const Run done = examine(nullptr, {}, {});
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_THAT(done.output, HasSubstr("well    application  com.example.app\n"));
+  EXPECT_THAT(done.output, HasSubstr("ill     server       localhost:1: Could not connect to the server.\n"
+                                     "                     check the port, and whether the server runs; "
+                                     "`kestrova-devserver` starts one here\n"));
+  EXPECT_THAT(done.output, Not(HasSubstr("\033"))) << "colours are for terminals";
+}
+
+TEST_F(Doctor, TellsWhyTheLastRunLeftEventsBehindUntilOneLeavesNone) {
+  ASSERT_EQ(run({"event", "opened"}).end, "exited with 3");
+  const DevServer server;
+  const Run kept = examine(&server);
+  EXPECT_EQ(kept.end, "exited with 0") << "a queue that waits is no fault";
+  EXPECT_EQ(text(kept, "queue", "state"), "notice");
+  EXPECT_THAT(text(kept, "queue", "what"), HasSubstr("1 record of "));
+  EXPECT_THAT(text(kept, "last run", "what"),
+              HasSubstr(": 1 kept, 0 lost; Couldn't submit events: Could not connect to the server."));
+  ASSERT_EQ(run({"flush"}, &server).end, "exited with 0");
+  EXPECT_EQ(text(examine(&server), "last run", "what"), "nothing on last run");
+}
+
+TEST_F(Doctor, AnAuthorityThatIsNotTrustedIsIll) {
+  const DevServer server;
+  const Run done = examine(&server, {{"SSL_CERT_FILE", certificateAuthorityFile()}});
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_THAT(text(done, "server", "what"), HasSubstr("The certificate for this server is invalid."));
+  EXPECT_THAT(text(done, "server", "advice"), HasSubstr("SSL_CERT_FILE"));
+}
+
+TEST_F(Doctor, AServerThatDoesNotAnswerIsIllWhenTheTimeIsUp) {
+  TlsTestServer server([](TlsTestServer::Connection& connection) {
+    (void)connection.readRequest();
+    (void)connection.readRequest();
+  });
+  const Run done = examine(
+      nullptr, {{"KESTROVA_API_HOST", "localhost:" + std::to_string(server.port())}, {"SSL_CERT_FILE", certificateAuthorityFile()}},
+      {"--json", "--timeout", "0.5"});
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_EQ(text(done, "server", "state"), "ill");
+  EXPECT_THAT(text(done, "server", "advice"), HasSubstr("--timeout"));
+}
+
+TEST_F(Doctor, AClockThatIsFarFromTheServersIsANotice) {
+  TlsTestServer server([](TlsTestServer::Connection& connection) {
+    while (connection.readRequest()) connection.send({404, {{"Date", "Sun, 06 Nov 1994 08:49:37 GMT"}}, ""});
+  });
+  const Run done = examine(nullptr, {{"KESTROVA_API_HOST", "localhost:" + std::to_string(server.port())},
+                                     {"SSL_CERT_FILE", certificateAuthorityFile()}});
+  EXPECT_EQ(done.end, "exited with 0") << "any answer shows that the server is there";
+  EXPECT_EQ(text(done, "server", "state"), "well");
+  EXPECT_EQ(text(done, "clock", "state"), "notice");
+  EXPECT_THAT(text(done, "clock", "what"), HasSubstr(" s away from the server's"));
+}
+
+TEST_F(Doctor, WhatIsNotGivenIsNamed) {
+  const Run done = examine(nullptr, {{"KESTROVA_BUNDLE_ID", ""}, {"KESTROVA_SECRET", ""}, {"KESTROVA_API_HOST", ""}});
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_EQ(text(done, "application", "state"), "notice");
+  EXPECT_EQ(text(done, "secret", "state"), "ill");
+  EXPECT_EQ(text(done, "server", "what"), "is not named");
+}
+
+TEST_F(Doctor, DamagedLinesAreANoticeAndStayAsTheyAre) {
+  const DevServer server;
+  std::filesystem::create_directories(std::filesystem::path(queueFile()).parent_path());
+  const std::string content = "{\"event\":\"a\",\"localTime\":\"2026-11-20T10:00:00.000Z\"}\nno json\n{\"half\":";
+  std::ofstream(queueFile(), std::ios::binary) << content;
+  const Run done = examine(&server);
+  EXPECT_EQ(done.end, "exited with 0");
+  EXPECT_THAT(text(done, "queue", "what"), HasSubstr("1 record of " + std::to_string(content.size()) +
+                                                     " bytes, the oldest from 2026-11-20T10:00:00.000Z; 2 lines damaged"));
+  EXPECT_EQ(contentOf(queueFile()), content);
+}
+
+TEST_F(Doctor, AFolderThatIsAFileIsIll) {
+  const DevServer server;
+  (void)file("home", "in the way");
+  const Run done = examine(&server);
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_EQ(text(done, "folder", "state"), "ill");
+  EXPECT_EQ(text(done, "queue", "state"), "ill");
+}
+
+}  // namespace
+}  // namespace test
