@@ -11,6 +11,7 @@ int runFlush(const Options& options);
 int runQueue(const Options& options);
 int runStatus(const Options& options);
 int runDoctor(const Options& options);
+int runTail(const Options& options);
 int runShareSubmit(const Options& options);
 int runShareRefresh(const Options& options);
 int runShareList(const Options& options);

@@ -37,8 +37,9 @@ std::string readSecretFile(const std::string& path) {
 bool isOn(const std::optional<std::string>& value) { return value && !value->empty() && *value != "0"; }
 
 bool needsServer(Command command) {
-  constexpr std::array kLocal{Command::kQueue, Command::kStatus,  Command::kDoctor,        Command::kShareList,
-                              Command::kDemo,  Command::kUploads, Command::kUploadsCancel, Command::kHandleEvents};
+  constexpr std::array kLocal{Command::kQueue,   Command::kStatus,        Command::kDoctor,
+                              Command::kTail,    Command::kShareList,     Command::kDemo,
+                              Command::kUploads, Command::kUploadsCancel, Command::kHandleEvents};
   return std::ranges::find(kLocal, command) == kLocal.end();
 }
 
@@ -116,6 +117,7 @@ void addCommands(CLI::App& app, Options& options) {
   add("queue", "show what waits on disk", Command::kQueue);
   add("status", "show identity, clock correction, paths and switched-off features", Command::kStatus);
   add("doctor", "tell what is well with the delivery, what is not, and what to do", Command::kDoctor);
+  add("tail", "follow the debug trace of a running application, that of other commands too, until Ctrl-C", Command::kTail);
   addShareCommands(app, options);
   CLI::App* patch = add("patch", "add data to the session-started event that the server holds", Command::kPatch);
   patch->add_option("JSON", options.jsonData, "what to add, a JSON object")->required();

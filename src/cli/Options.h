@@ -17,6 +17,7 @@ enum class Command {
   kQueue,
   kStatus,
   kDoctor,
+  kTail,
   kShareSubmit,
   kShareRefresh,
   kShareList,

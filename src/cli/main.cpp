@@ -23,6 +23,8 @@ int run(const cli::Options& options) {
       return cli::runStatus(options);
     case cli::Command::kDoctor:
       return cli::runDoctor(options);
+    case cli::Command::kTail:
+      return cli::runTail(options);
     case cli::Command::kShareSubmit:
       return cli::runShareSubmit(options);
     case cli::Command::kShareRefresh:

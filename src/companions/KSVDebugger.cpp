@@ -39,6 +39,8 @@ std::shared_ptr<KSVDebugger> KSVDebugger::sharedDebugger() { return platform::Pr
 
 void KSVDebugger::storeInTrace(std::string line) {
   if (line.size() > kMaxBytes) cutToBound(line);
+  if (platform::Process* process = platform::Process::currentOrNull(); process && process->traceSink)
+    process->traceSink->take(line);
   if (listenedTo == this) return keep(std::move(line));
 
   std::lock_guard lock(listenerMutex_);

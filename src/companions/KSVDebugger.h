@@ -1,4 +1,4 @@
-// The SDK's debug trace: the newest lines in bounded memory.
+// The SDK's debug trace: the newest lines in bounded memory, each also passed on to whoever watches from outside.
 #pragma once
 
 #include <cstddef>

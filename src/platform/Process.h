@@ -25,6 +25,7 @@
 #include "platform/JSONSerialization.h"
 #include "platform/SecureRandom.h"
 #include "platform/SystemLog.h"
+#include "platform/TraceSink.h"
 #include "platform/URLSession.h"
 #include "platform/UncaughtException.h"
 #include "platform/UserDefaults.h"
@@ -83,6 +84,7 @@ class Process {
   std::shared_ptr<URLSession> urlSession;
   std::shared_ptr<BackgroundURLSessions> backgroundSessions;
   std::shared_ptr<BrowserOpener> browserOpener;
+  std::shared_ptr<TraceSink> traceSink;  // may be null: nobody can watch then
 
   std::atomic<bool> debug{false};
   ExternalConstants constants;

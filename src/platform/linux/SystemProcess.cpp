@@ -20,6 +20,7 @@
 #include "platform/linux/SyslogSystemLog.h"
 #include "platform/linux/SystemClock.h"
 #include "platform/linux/ThreadQueues.h"
+#include "platform/linux/TraceSocket.h"
 #include "platform/linux/TransferDirectory.h"
 #include "platform/linux/TransferIdentity.h"
 #include "platform/linux/TransferServiceProcess.h"
@@ -71,6 +72,7 @@ std::unique_ptr<Process> makeSystemProcess(const SystemOptions& options) {
   process->urlSession = makeCurlURLSession(options, *process->queues);
   process->backgroundSessions = makeBackgroundSessions(options, *process);
   process->browserOpener = std::make_shared<XdgBrowserOpener>(*process->queues);
+  process->traceSink = std::make_shared<TraceSocket>(options);
   return process;
 }
 
