@@ -8,48 +8,26 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <map>
 #include <system_error>
 
+#include "platform/linux/SpawnTexts.h"
+
 namespace cli {
-namespace {
-
-std::vector<std::string> mergedEnvironment(const Environment& over) {
-  std::map<std::string, std::string> merged;
-  for (char** entry = environ; *entry; ++entry) {
-    const std::string text = *entry;
-    const auto equals = text.find('=');
-    if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
-  }
-  for (const auto& [name, value] : over) merged[name] = value;
-  std::vector<std::string> entries;
-  entries.reserve(merged.size());
-  for (const auto& [name, value] : merged) entries.push_back(std::string(name).append("=").append(value));
-  return entries;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  result.reserve(texts.size() + 1);
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-}  // namespace
 
 ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& arguments, const Environment& environment,
                            const std::string& outputFile) {
   std::vector<std::string> texts{path};
   texts.insert(texts.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> variables = mergedEnvironment(environment);
+  // The last of a name counts.
+  std::vector<std::string> variables = platform::environmentWith({environment.rbegin(), environment.rend()});
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   if (!outputFile.empty()) {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   }
-  const int failure = posix_spawn(&pid_, path.c_str(), &actions, nullptr, pointers(texts).data(), pointers(variables).data());
+  const int failure = posix_spawn(&pid_, path.c_str(), &actions, nullptr, platform::pointersTo(texts).data(),
+                                  platform::pointersTo(variables).data());
   posix_spawn_file_actions_destroy(&actions);
   if (failure != 0) throw std::system_error(failure, std::generic_category(), "cannot start " + path);
 }

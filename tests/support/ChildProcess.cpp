@@ -17,6 +17,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "platform/linux/SpawnTexts.h"
+
 namespace test {
 namespace {
 
@@ -77,13 +79,6 @@ std::vector<std::string> environmentOfChild(LeakCheck leakCheck) {
   return variables;
 }
 
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (std::string& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
 std::string nameOfThisTest() {
   const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
   return std::string(test->test_suite_name()) + "." + test->name();
@@ -97,8 +92,8 @@ pid_t spawnThisProgram(int standardError, LeakCheck leakCheck) {
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, standardError, STDERR_FILENO);
   pid_t process = 0;
-  const int error =
-      posix_spawn(&process, "/proc/self/exe", &actions, nullptr, pointersTo(arguments).data(), pointersTo(environment).data());
+  const int error = posix_spawn(&process, "/proc/self/exe", &actions, nullptr, platform::pointersTo(arguments).data(),
+                                platform::pointersTo(environment).data());
   posix_spawn_file_actions_destroy(&actions);
   if (error) throw std::runtime_error(std::string("posix_spawn: ") + std::strerror(error));
   return process;

@@ -17,6 +17,7 @@
 
 #include "platform/Data.h"
 #include "platform/linux/RapidJSONSerialization.h"
+#include "platform/linux/SpawnTexts.h"
 #include "support/Event.h"
 #include "support/Files.h"
 
@@ -76,9 +77,7 @@ DevServer::~DevServer() {
 
 void DevServer::start(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), KESTROVA_BIN_DIR "/kestrova-devserver");
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
+  const std::vector<char*> pointers = platform::pointersTo(arguments);
 
   std::array<int, 2> pipe{};
   if (::pipe2(pipe.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");

@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <map>
 #include <stdexcept>
 
+#include "platform/linux/SpawnTexts.h"
 #include "support/ChildProcess.h"
 
 namespace test {
@@ -27,25 +27,6 @@ struct Pipe {
     writing = ends[1];
   }
 };
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-std::vector<std::string> environmentWith(const Program::Variables& variables) {
-  std::map<std::string, std::string> merged;
-  for (char** entry = environ; *entry; ++entry) {
-    const std::string text = *entry;
-    if (const auto equals = text.find('='); equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
-  }
-  for (const auto& [name, value] : variables) merged[name] = value;
-  std::vector<std::string> entries;
-  for (const auto& [name, value] : merged) entries.push_back(name + "=" + value);
-  return entries;
-}
 
 std::vector<std::string> linesOf(const std::string& text) {
   std::vector<std::string> lines;
@@ -64,7 +45,7 @@ std::string binary(std::string_view name) { return std::string(KESTROVA_BIN_DIR)
 Program::Program(const std::string& path, const std::vector<std::string>& arguments, const Variables& variables) {
   std::vector<std::string> texts{path};
   texts.insert(texts.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> environment = environmentWith(variables);
+  std::vector<std::string> environment = platform::environmentWith({variables.rbegin(), variables.rend()});  // the last counts
   const Pipe input;
   const Pipe output;
   const Pipe errors;
@@ -74,8 +55,8 @@ Program::Program(const std::string& path, const std::vector<std::string>& argume
   posix_spawn_file_actions_adddup2(&actions, input.reading, STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output.writing, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errors.writing, STDERR_FILENO);
-  const int failure =
-      posix_spawnp(&process_, path.c_str(), &actions, nullptr, pointers(texts).data(), pointers(environment).data());
+  const int failure = posix_spawnp(&process_, path.c_str(), &actions, nullptr, platform::pointersTo(texts).data(),
+                                   platform::pointersTo(environment).data());
   posix_spawn_file_actions_destroy(&actions);
   for (const int end : {input.reading, output.writing, errors.writing}) close(end);
   input_ = input.writing;

@@ -1,21 +1,18 @@
 // Starting the transfer service.
 #include "platform/linux/TransferServiceProcess.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/auxv.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <string_view>
+#include <utility>
 
+#include "platform/linux/DetachedProgram.h"
 #include "platform/linux/Environment.h"
 #include "platform/linux/FileErrors.h"
+#include "platform/linux/SpawnTexts.h"
 
 namespace platform {
 namespace {
@@ -31,59 +28,12 @@ std::optional<std::string> programBesideThisOne() {
 }
 
 std::vector<std::string> environmentForService(const std::optional<std::string>& directory) {
-  std::vector<std::string> kept;
-  const auto isVariable = [](std::string_view entry, std::string_view name) {
-    return entry.starts_with(name) && entry.substr(name.size()).starts_with('=');
-  };
-  for (char** entry = environ; entry && *entry; ++entry)
-    if (!isVariable(*entry, kLaunchSessionVariable) && !isVariable(*entry, kTransferDirectoryVariable)) kept.emplace_back(*entry);
-  if (directory) kept.push_back(std::string(kTransferDirectoryVariable) + "=" + *directory);
-  return kept;
-}
-
-// How the child begins: nothing of the host's but its rights.
-class SpawnSettings {
- public:
-  SpawnSettings() {
-    posix_spawnattr_init(&attributes_);
-    sigset_t signals;
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&attributes_, &signals);
-    sigfillset(&signals);
-    posix_spawnattr_setsigdefault(&attributes_, &signals);
-    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
-    posix_spawn_file_actions_init(&actions_);
-    posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions_, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
-    posix_spawn_file_actions_addchdir_np(&actions_, "/");
-  }
-  ~SpawnSettings() {
-    posix_spawn_file_actions_destroy(&actions_);
-    posix_spawnattr_destroy(&attributes_);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-  const posix_spawnattr_t* attributes() const { return &attributes_; }
-  const posix_spawn_file_actions_t* actions() const { return &actions_; }
-
- private:
-  posix_spawnattr_t attributes_;
-  posix_spawn_file_actions_t actions_;
-};
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> made;
-  for (std::string& text : texts) made.push_back(text.data());
-  made.push_back(nullptr);
-  return made;
+  return environmentWith({{kLaunchSessionVariable, std::nullopt}, {kTransferDirectoryVariable, directory}});
 }
 
 }  // namespace
 
-TransferServiceProcess::TransferServiceProcess(const SystemOptions& options, std::optional<std::string> directory)
+TransferServiceProcess::TransferServiceProcess(const SystemOptions& options, const std::optional<std::string>& directory)
     : givenPath_(options.transferServicePath), environment_(environmentForService(directory)) {}
 
 std::string TransferServiceProcess::program() const {
@@ -96,15 +46,10 @@ int TransferServiceProcess::start() {
   (void)reap();
   if (process_ != 0) return 0;
   if (::getauxval(AT_SECURE) != 0) return EPERM;
-  std::vector<std::string> arguments{program(), "--background"};
-  const SpawnSettings settings;
-  const int error = ::posix_spawnp(&process_, arguments.front().c_str(), settings.actions(), settings.attributes(),
-                                   pointers(arguments).data(), pointers(environment_).data());
-  if (error != 0) {
-    process_ = 0;
-    return error;
-  }
-  child_ = FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));
+  const auto started = startDetachedProgram({program(), "--background"}, environment_);
+  if (!started) return started.error();
+  process_ = *started;
+  child_ = descriptorOfProcess(process_).value_or(FileDescriptor());
   return 0;
 }
 

@@ -23,7 +23,7 @@ inline constexpr const char* kTransferDirectoryVariable = "KESTROVA_TRANSFER_DIR
 class TransferServiceProcess {
  public:
   /// Copies the environment. `directory` is the folder that the service is to use.
-  TransferServiceProcess(const SystemOptions& options, std::optional<std::string> directory);
+  TransferServiceProcess(const SystemOptions& options, const std::optional<std::string>& directory);
   ~TransferServiceProcess() = default;
   TransferServiceProcess(const TransferServiceProcess&) = delete;
   TransferServiceProcess& operator=(const TransferServiceProcess&) = delete;
@@ -41,7 +41,7 @@ class TransferServiceProcess {
 
  private:
   const std::optional<std::string> givenPath_;
-  std::vector<std::string> environment_;
+  const std::vector<std::string> environment_;
   pid_t process_ = 0;  // 0: none
   FileDescriptor child_;
 };
