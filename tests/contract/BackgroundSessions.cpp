@@ -180,14 +180,13 @@ struct RealSubject : Subject {
   }
   std::string directory() const { return home.path() + "/transfers"; }
   pid_t processOfService() const {
-    const platform::FileDescriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const auto shared = platform::TransferDirectory::open(directory());
     if (!shared) return 0;
-    const sockaddr_un address = shared->socketAddress();
+    const auto connection = shared->connect();
+    if (!connection) return 0;
     ucred peer{};
     socklen_t length = sizeof(peer);
-    if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) return 0;
-    return getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+    return getsockopt(connection->get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
   }
   std::string pipePath() const { return home.path() + "/launched"; }
   /// What the program that is launched in the application's place says. It is launched once the event is in the store.

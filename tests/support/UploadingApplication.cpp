@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -251,12 +250,11 @@ pid_t ApplicationPlace::holderOf(const std::string& lockFile) {
 pid_t ApplicationPlace::service() const {
   const auto directory = platform::TransferDirectory::open(transfers());
   if (!directory) return 0;
-  const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = directory->socketAddress();
-  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return 0;
+  const auto socket = directory->connect();
+  if (!socket) return 0;
   ucred peer{};
   socklen_t length = sizeof peer;
-  return getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+  return getsockopt(socket->get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
 }
 
 std::vector<ApplicationRecord> readLog(const ApplicationPlace& place) {

@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,9 +85,8 @@ std::expected<void, Error> checkThatServiceTakes(const transfer::SpoolEntry& ent
 bool isSocketAbandoned(const TransferDirectory& directory) {
   struct stat status;
   if (::lstat(directory.socket().c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) return false;
-  const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  const sockaddr_un address = directory.socketAddress();
-  return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 && errno == ECONNREFUSED;
+  const auto connection = directory.connect();
+  return !connection && connection.error() == ECONNREFUSED;
 }
 
 }  // namespace

@@ -267,11 +267,7 @@ std::expected<FileDescriptor, int> SocketTransferLink::connectedSocket() {
     complain("The transfer service cannot be reached: " + directory.error().localizedDescription());
     return std::unexpected(EINVAL);
   }
-  FileDescriptor made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!made.isOpen()) return std::unexpected(errno);
-  const sockaddr_un address = directory->socketAddress();
-  if (::connect(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) return std::unexpected(errno);
-  return made;
+  return directory->connect();
 }
 
 void SocketTransferLink::greet() {

@@ -66,4 +66,12 @@ sockaddr_un TransferDirectory::socketAddress() const {
   return address;
 }
 
+std::expected<FileDescriptor, int> TransferDirectory::connect() const {
+  FileDescriptor made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!made.isOpen()) return std::unexpected(errno);
+  const sockaddr_un address = socketAddress();
+  if (::connect(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return std::unexpected(errno);
+  return made;
+}
+
 }  // namespace platform

@@ -38,6 +38,9 @@ class TransferDirectory {
   /// What bind and connect take for the socket. A path that is too long for an address goes by way of this folder's descriptor, so
   /// the address is of use only while this object lives, and only in this process.
   sockaddr_un socketAddress() const;
+  /// A new connection to the socket; it blocks in no call. Fails with the system's error number: ENOENT where no service runs,
+  /// ECONNREFUSED where one has ended suddenly. Any thread.
+  std::expected<FileDescriptor, int> connect() const;
 
  private:
   TransferDirectory(std::string path, FileDescriptor descriptor) : path_(std::move(path)), descriptor_(std::move(descriptor)) {}

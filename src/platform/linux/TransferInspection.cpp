@@ -111,11 +111,7 @@ std::expected<FileDescriptor, int> TransferInspection::connectedSocket() const {
   if (::access(directory_->c_str(), F_OK) != 0) return std::unexpected(errno);  // a look makes no folder
   const auto directory = TransferDirectory::open(*directory_);
   if (!directory) return std::unexpected(static_cast<int>(directory.error().code()));
-  FileDescriptor made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!made.isOpen()) return std::unexpected(errno);
-  const sockaddr_un address = directory->socketAddress();
-  if (::connect(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) return std::unexpected(errno);
-  return made;
+  return directory->connect();
 }
 
 std::expected<void, Error> TransferInspection::greet() {

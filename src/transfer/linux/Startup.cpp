@@ -32,17 +32,14 @@ Error lockError(int error, const platform::TransferDirectory& directory) {
 
 // An empty line is no message, so that the service refuses it, which is an answer, and remembers nothing of it.
 std::optional<pid_t> answeringService(const platform::TransferDirectory& directory) {
-  const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = directory.socketAddress();
-  if (!socket.isOpen() || connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    return std::nullopt;
-  if (send(socket.get(), "\n", 1, MSG_NOSIGNAL) != 1) return std::nullopt;
-  pollfd query{socket.get(), POLLIN, 0};
+  const auto socket = directory.connect();
+  if (!socket || send(socket->get(), "\n", 1, MSG_NOSIGNAL) != 1) return std::nullopt;
+  pollfd query{socket->get(), POLLIN, 0};
   char first = 0;
-  if (poll(&query, 1, kAnswerLimit) != 1 || recv(socket.get(), &first, 1, 0) != 1) return std::nullopt;
+  if (poll(&query, 1, kAnswerLimit) != 1 || recv(socket->get(), &first, 1, 0) != 1) return std::nullopt;
   ucred peer{};
   socklen_t length = sizeof peer;
-  if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return std::nullopt;
+  if (getsockopt(socket->get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return std::nullopt;
   return peer.pid;
 }
 

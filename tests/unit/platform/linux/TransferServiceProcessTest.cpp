@@ -195,35 +195,5 @@ TEST_F(TransferServiceProcessTest, AProcessWithMoreRightsStartsNothingAndDoesNot
             0);
 }
 
-// The folder that the environment names.
-
-TEST_F(TransferServiceProcessTest, TheFolderIsTheVariablesElseBelowTheStateElseBelowTheHome) {
-  EXPECT_EQ(runInChild([] {
-              setenv("HOME", "/home/someone/", 1);
-              setenv("XDG_STATE_HOME", "/state//", 1);
-              setenv("KESTROVA_TRANSFER_DIR", "/the/folder/", 1);
-              EXPECT_EQ(TransferDirectory::pathFromEnvironment(), "/the/folder");
-              setenv("KESTROVA_TRANSFER_DIR", "no/absolute/path", 1);
-              EXPECT_EQ(TransferDirectory::pathFromEnvironment(), "/state/kestrova-transferd");
-              setenv("XDG_STATE_HOME", "", 1);
-              EXPECT_EQ(TransferDirectory::pathFromEnvironment(), "/home/someone/.local/state/kestrova-transferd");
-              unsetenv("HOME");
-              const auto ofTheUser = TransferDirectory::pathFromEnvironment();
-              ASSERT_TRUE(ofTheUser);
-              EXPECT_TRUE(ofTheUser->ends_with("/.local/state/kestrova-transferd")) << *ofTheUser;
-            }),
-            0);
-}
-
-TEST_F(TransferServiceProcessTest, AFolderOfAnotherUserIsRefused) {
-  ASSERT_EQ(::geteuid(), 0U) << "only root can give a folder to another user";
-  const std::string path = folder_.path() + "/theirs";
-  fs::create_directory(path);
-  ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
-  const auto opened = TransferDirectory::open(path);
-  ASSERT_FALSE(opened);
-  EXPECT_EQ(opened.error().localizedDescription(), "The folder “" + path + "” cannot be used: it belongs to another user.");
-}
-
 }  // namespace
 }  // namespace test

@@ -207,9 +207,8 @@ TEST_F(SocketServerTest, AFolderWithALongPathHasASocketToo) {
   int opened = 0;
   transfer::SocketServer server(loop_, *directory, {[&](ConnectionId) { ++opened; }, {}, {}, [](ConnectionId) {}});
   ASSERT_TRUE(server.listen());
-  const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = directory->socketAddress();
-  EXPECT_EQ(connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const auto socket = directory->connect();
+  EXPECT_TRUE(socket) << socket.error();
   turnUntil([&] { return opened == 1; });
 }
 
@@ -218,14 +217,9 @@ TEST_F(SocketServerTest, AnotherUsersProcessIsRefused) {
   ASSERT_EQ(geteuid(), 0U) << "only root can become another user";
   const std::string own = folder_.path() + "/own";
   ASSERT_EQ(mkdir(own.c_str(), 0700), 0);
-  const auto canConnect = [this] {
-    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address = directory_.socketAddress();
-    return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  };
   EXPECT_EQ(runInChild([&] {
               becomeNobody(own);
-              EXPECT_FALSE(canConnect());
+              EXPECT_FALSE(directory_.connect());
             }),
             0);
   for (const std::string& path : {folder_.path(), directory_.path(), directory_.socket()}) ASSERT_EQ(chmod(path.c_str(), 0777), 0);
