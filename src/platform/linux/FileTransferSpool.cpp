@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "platform/linux/ApplicationFolder.h"
+#include "platform/linux/DurableFiles.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/FileErrors.h"
 #include "platform/linux/TransferDirectory.h"

@@ -7,8 +7,8 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <vector>
 
+#include "platform/linux/DurableFiles.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/FileErrors.h"
 
@@ -32,35 +32,6 @@ int makeOwn(const FileDescriptor& file) {
 }
 
 }  // namespace
-
-std::string randomHexadecimal(SecureRandom& random, std::size_t bytes) {
-  std::vector<std::byte> drawn(bytes);
-  random.fill(drawn);
-  std::string text;
-  for (const std::byte byte : drawn) {
-    const auto number = std::to_integer<unsigned>(byte);
-    text += {kHexadecimalDigits[number >> 4], kHexadecimalDigits[number & 15]};
-  }
-  return text;
-}
-
-std::expected<void, Error> writeNewFile(const std::string& path, std::string_view bytes) {
-  auto file = FileDescriptor::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
-  if (!file) return std::unexpected(fileWritingError(file.error(), path, true));
-  int error = file->writeAll(bytes);
-  if (error == 0) error = file->synchronize();
-  if (const int closing = file->close(); error == 0) error = closing;
-  if (error == 0) return {};
-  ::unlink(path.c_str());
-  return std::unexpected(fileWritingError(error, path, true));
-}
-
-std::expected<void, Error> synchronizeFolder(const std::string& path) {
-  const auto folder = FileDescriptor::open(path, O_RDONLY | O_DIRECTORY);
-  const int error = folder ? synchronizeDirectory(*folder) : folder.error();
-  if (error != 0) return std::unexpected(fileWritingError(error, path, false));
-  return {};
-}
 
 TransferIdentity::TransferIdentity(const SystemOptions& options, std::shared_ptr<SecureRandom> random)
     : identifier_(options.bundleIdentifier.value_or("")), folder_(options), random_(std::move(random)) {}

@@ -40,13 +40,4 @@ class TransferIdentity {
   std::optional<transfer::ApplicationIdentity> identity_;
 };
 
-/// That many random bytes in lower-case hexadecimal.
-std::string randomHexadecimal(SecureRandom& random, std::size_t bytes);
-
-/// Writes a new file, mode 0600, that lies on the disk when this returns; its folder is not synchronised. What a failed write has
-/// left is removed.
-std::expected<void, Error> writeNewFile(const std::string& path, std::string_view bytes);
-/// Brings a folder's entries to the disk.
-std::expected<void, Error> synchronizeFolder(const std::string& path);
-
 }  // namespace platform
