@@ -10,10 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "companions/KSVUtils.h"
-#include "platform/Data.h"
-#include "platform/FileManager.h"
-#include "platform/JSONSerialization.h"
+#include "cli/ListFile.h"
 #include "platform/linux/FileDescriptor.h"
 
 namespace cli {
@@ -23,6 +20,7 @@ using platform::Dictionary;
 using platform::Value;
 
 constexpr const char* kName = "command-uploads.json";
+constexpr const char* kList = "uploads";
 constexpr const char* kLock = "command-uploads.lock";
 
 std::optional<std::string> textIn(const Dictionary& object, const char* key) {
@@ -91,20 +89,16 @@ Dictionary UploadRecord::object() const {
 }
 
 std::expected<UploadFile, std::string> UploadFile::open() {
-  const auto folder = KSVUtils::applicationSupportDirectory();
-  if (!folder) return std::unexpected("the application's folder can be neither found nor made");
-  return UploadFile(folder->URLByAppendingPathComponent(kName).path());
+  auto path = pathOfListFile(kName);
+  if (!path) return std::unexpected(path.error());
+  return UploadFile(*std::move(path));
 }
 
 std::expected<std::vector<UploadRecord>, std::string> UploadFile::read() const {
+  const auto list = readListFile(path_, kList);
+  if (!list) return std::unexpected(list.error());
   std::vector<UploadRecord> records;
-  const auto text = platform::Data::dataWithContentsOfURL(platform::URL::fileURLWithPath(path_));
-  if (!text && text.error().code() == platform::kFileReadNoSuchFile) return records;
-  if (!text) return std::unexpected(path_ + ": " + text.error().localizedDescription());
-  const auto value = platform::JSONSerialization::JSONObjectWithData(*text);
-  const auto list = value && value->isObject() ? value->objectForKey("uploads") : std::nullopt;
-  if (!list || !list->isArray()) return std::unexpected(path_ + ": it is no JSON object with a list of uploads");
-  for (const Value& element : list->array()) {
+  for (const Value& element : *list) {
     auto record = recordOf(element);
     if (!record) return std::unexpected(path_ + ": an element of it is no upload with a session");
     records.push_back(*std::move(record));
@@ -138,15 +132,7 @@ std::expected<void, std::string> UploadFile::note(const UploadRecord& record) co
 std::expected<void, std::string> UploadFile::write(const std::vector<UploadRecord>& records) const {
   platform::Array list;
   for (const UploadRecord& record : records) list.addObject(Value(record.object()));
-  const auto text = platform::JSONSerialization::dataWithJSONObject(Dictionary{{"uploads", list}});
-  if (!text) return std::unexpected(path_ + ": " + text.error().localizedDescription());
-  const auto temporary = KSVUtils::createTempfileWithContents(*text);
-  if (!temporary) return std::unexpected(path_ + ": a temporary file cannot be written");
-  auto& files = platform::FileManager::defaultManager();
-  const auto replaced = files.replaceItemAtURLWithItemAtURL(platform::URL::fileURLWithPath(path_), temporary);
-  if (replaced) return {};
-  (void)files.removeItemAtURL(temporary);
-  return std::unexpected(path_ + ": " + replaced.error().localizedDescription());
+  return writeListFile(path_, kList, list);
 }
 
 }  // namespace cli
