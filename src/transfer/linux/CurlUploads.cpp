@@ -137,7 +137,7 @@ class CurlUploads::Upload final : public platform::CurlLoad {
   Back back_;
   std::weak_ptr<Upload> self_;
   std::uint64_t bytesSent_ = 0;
-  Clock::time_point lastReport_{};
+  Clock::time_point lastReport_;
 };
 
 CurlUploads::CurlUploads(EventLoop& events, Handlers handlers, Options options)

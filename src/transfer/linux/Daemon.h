@@ -50,7 +50,7 @@ class Daemon {
   Service service_;
   bool isStopped_ = false;
   bool lookNow_ = false;  // the spool folder has changed
-  SteadyClock::time_point lastTick_{};
+  SteadyClock::time_point lastTick_;
 };
 
 }  // namespace transfer

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/linux/DetachedProgram.h"
@@ -21,9 +22,7 @@ Error launchError(int error, const std::string& program) {
 }
 
 bool holdsNul(const std::vector<std::string>& texts) {
-  for (const std::string& text : texts)
-    if (text.find('\0') != std::string::npos) return true;
-  return false;
+  return std::ranges::any_of(texts, [](const std::string& text) { return text.find('\0') != std::string::npos; });
 }
 
 }  // namespace

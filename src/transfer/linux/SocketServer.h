@@ -46,8 +46,8 @@ class SocketServer final : public Connections {
   /// Removes the socket. False when somebody has connected up to the very end: that one is a connection like any other.
   bool stopListening();
 
-  void send(ConnectionId connection, const Message& message) override;
-  void close(ConnectionId connection) override;
+  void send(ConnectionId id, const Message& message) override;
+  void close(ConnectionId id) override;
 
   /// Ends what was being closed for too long, and listens again after a lack of descriptors. To be called now and then.
   void tick();

@@ -87,6 +87,7 @@ void detach() {
   if (const pid_t second = fork(); second != 0) _exit(second < 0 ? kFailed : EXIT_SUCCESS);
   (void)chdir("/");
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null < 0) return;  // better a service that keeps the caller's descriptors than none
   for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) (void)dup2(null, standard);
 }
 

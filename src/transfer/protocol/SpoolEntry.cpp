@@ -33,7 +33,7 @@ Value headerFieldsValue(const std::vector<std::pair<std::string, std::string>>& 
 
 bool isHeaderField(const Value& value) {
   if (!value.isArray() || value.count() != 2) return false;
-  const Array pair = value.array();
+  const Array& pair = value.array();
   if (!pair[0].isString() || !pair[1].isString() || !isToken(pair[0].string())) return false;
   // A line end in a value would let it say more than its own field.
   return pair[1].string().view().find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
@@ -46,7 +46,7 @@ std::vector<std::pair<std::string, std::string>> readHeaderFields(MemberReader& 
       reader.fail("“headerFields” holds what is no header field");
       return {};
     }
-    const Array pair = value.array();
+    const Array& pair = value.array();
     fields.emplace_back(pair[0].string().description(), pair[1].string().description());
   }
   return fields;
