@@ -14,7 +14,7 @@ TARGET ?=
 SEEDS ?= 4000
 FIRST ?= 1
 
-.PHONY: help deps build test demo bench check check-all asan tsan clang tidy fuzz simulate coverage format clean deps-build deps-test deps-checks
+.PHONY: help deps build package test demo bench check check-all asan tsan clang tidy fuzz simulate coverage format clean deps-build deps-test deps-checks
 
 help: ## list the targets
 	@echo "Targets:"
@@ -23,6 +23,10 @@ help: ## list the targets
 build: deps-build ## make the release programs, in build/bin/
 	@cmake --preset release
 	@cmake --build --preset release -j $(JOBS)
+
+package: build ## make a Debian package of the libraries, headers and programs, in build/
+	@cd build/release && cpack -G DEB
+	@mv build/release/kestrova_*.deb build/
 
 test: deps-test ## build everything for development and run all tests
 	@$(call run-tests,dev)

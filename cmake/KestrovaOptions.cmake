@@ -28,6 +28,11 @@ if(KESTROVA_COVERAGE)
   add_link_options(--coverage)
 endif()
 
+# What the shared library is made of shows only the names that the public headers mark (src/platform/Export.h).
+function(kestrova_hide_names target)
+  set_target_properties(${target} PROPERTIES C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+endfunction()
+
 # kestrova_room(NAME [DEPENDS target...]): a static library of every source in the current folder.
 function(kestrova_room name)
   cmake_parse_arguments(ROOM "" "" "DEPENDS" ${ARGN})
@@ -35,6 +40,7 @@ function(kestrova_room name)
   if(sources)
     add_library(${name} STATIC ${sources})
     target_link_libraries(${name} PUBLIC kestrova_options ${ROOM_DEPENDS})
+    kestrova_hide_names(${name})
   else()
     add_library(${name} INTERFACE)
     target_link_libraries(${name} INTERFACE kestrova_options ${ROOM_DEPENDS})

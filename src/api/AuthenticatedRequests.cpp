@@ -7,6 +7,7 @@
 #include "client/KSVData.h"
 #include "companions/KSVConstants.h"
 #include "companions/KSVDebugger.h"
+#include "companions/KSVHawkAuth.h"
 #include "companions/KSVHawkCredentials.h"
 #include "companions/KSVUtils.h"
 #include "platform/Exception.h"

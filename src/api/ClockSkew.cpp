@@ -5,6 +5,7 @@
 #include "companions/CorrectedClock.h"
 #include "companions/KSVConstants.h"
 #include "companions/KSVDebugger.h"
+#include "companions/KSVHawkAuth.h"
 #include "platform/UserDefaults.h"
 
 using platform::Date;

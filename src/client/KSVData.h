@@ -13,13 +13,13 @@
 #include <vector>
 
 #include "companions/KSVDelegate.h"
-#include "companions/KSVHawkAuth.h"
 #include "companions/KSVShare.h"
 #include "platform/BackgroundURLSession.h"
 #include "platform/Data.h"
 #include "platform/Date.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Error.h"
+#include "platform/Export.h"
 #include "platform/FileHandle.h"
 #include "platform/Slot.h"
 #include "platform/Timer.h"
@@ -28,10 +28,12 @@
 #include "platform/URLResponse.h"
 #include "platform/Value.h"
 
+class KSVHawkAuth;
+
 using KSVShares = std::vector<std::shared_ptr<const KSVShare>>;
 using KSVShareUpdateCallback = std::function<void(const KSVShares& updatedShares)>;
 
-class KSVData final : public platform::URLSessionDelegate, public std::enable_shared_from_this<KSVData> {
+class KESTROVA_EXPORT KSVData final : public platform::URLSessionDelegate, public std::enable_shared_from_this<KSVData> {
  public:
   using CompletionHandler = std::function<void()>;
   using CookieMatchCompletion = std::function<void(bool didComplete)>;

@@ -11,9 +11,10 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Export.h"
 #include "platform/Format.h"
 
-class KSVDebugger {
+class KESTROVA_EXPORT KSVDebugger {
  public:
   /// Called with each line as it is stored, on the thread that stores it, one call at a time. Must not throw. A line that it stores
   /// itself is kept and not told to it.
@@ -47,8 +48,8 @@ class KSVDebugger {
 template <class... Arguments>
 void debugTrace(std::string_view format, const Arguments&... arguments);
 
-bool isDebugTraceOn();
-void storeFormattedInTrace(std::string_view format, std::initializer_list<platform::FormatArgument> arguments);
+KESTROVA_EXPORT bool isDebugTraceOn();
+KESTROVA_EXPORT void storeFormattedInTrace(std::string_view format, std::initializer_list<platform::FormatArgument> arguments);
 
 template <class... Arguments>
 void debugTrace(std::string_view format, const Arguments&... arguments) {

@@ -1,11 +1,12 @@
 // The host side's object that is told of what the server answers.
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Value.h"
 
 /// Held weakly by the client. Called on the completion queue of the shared URL session, one call at a time; what the server sent is
 /// handed over as it is, of whatever kind. A delegate may throw only what it wants the process to end with.
-class KSVDelegate {
+class KESTROVA_EXPORT KSVDelegate {
  public:
   virtual ~KSVDelegate() = default;
   virtual void setUserId(const platform::Value& userId) = 0;

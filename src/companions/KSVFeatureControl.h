@@ -6,10 +6,11 @@
 #include <mutex>
 #include <optional>
 
+#include "platform/Export.h"
 #include "platform/Value.h"
 
 /// Feature n is bit n of the server's number, 0 to 63. Any thread.
-class KSVFeatureControl {
+class KESTROVA_EXPORT KSVFeatureControl {
  public:
   static std::shared_ptr<KSVFeatureControl> sharedFeatureControl();
 

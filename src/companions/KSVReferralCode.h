@@ -4,7 +4,9 @@
 #include <optional>
 #include <string>
 
-struct KSVReferralCode {
+#include "platform/Export.h"
+
+struct KESTROVA_EXPORT KSVReferralCode {
   std::optional<std::string> userId;
   /// The share's identifier on the server.
   std::optional<std::string> shareId;

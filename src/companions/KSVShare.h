@@ -7,6 +7,7 @@
 
 #include "companions/KSVReferralCode.h"
 #include "platform/Date.h"
+#include "platform/Export.h"
 #include "platform/URL.h"
 #include "platform/Value.h"
 
@@ -18,7 +19,7 @@ enum KSVShareState : std::int64_t {
 };
 
 /// A value: reading one from many threads is safe, changing it is its owner's business.
-struct KSVShare {
+struct KESTROVA_EXPORT KSVShare {
   std::shared_ptr<const KSVReferralCode> referralCode;
   bool isFallback = false;
   KSVShareState state = KSVShareStateSent;

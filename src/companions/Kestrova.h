@@ -7,6 +7,7 @@
 
 #include "companions/KSVDelegate.h"
 #include "platform/DispatchQueue.h"
+#include "platform/Export.h"
 #include "platform/Process.h"
 #include "platform/Slot.h"
 #include "platform/Value.h"
@@ -14,7 +15,7 @@
 class KSVData;
 
 /// One for the process. Any thread.
-class Kestrova final : public KSVDelegate, public std::enable_shared_from_this<Kestrova> {
+class KESTROVA_EXPORT Kestrova final : public KSVDelegate, public std::enable_shared_from_this<Kestrova> {
  public:
   struct Configuration {
     /// The application's API secret. Without one nothing can be signed, and the server refuses what is sent.

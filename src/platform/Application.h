@@ -1,9 +1,11 @@
 // The running application as its user sees it.
 #pragma once
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class Application {
+class KESTROVA_EXPORT Application {
  public:
   static Application& sharedApplication();
   virtual ~Application() = default;

@@ -14,6 +14,7 @@
 
 #include "platform/DispatchQueue.h"
 #include "platform/Error.h"
+#include "platform/Export.h"
 #include "platform/URL.h"
 #include "platform/URLRequest.h"
 #include "platform/URLSession.h"
@@ -25,7 +26,7 @@ using BackgroundURLSessionRef = std::shared_ptr<BackgroundURLSession>;
 using URLSessionTaskRef = std::shared_ptr<URLSessionTask>;
 
 /// What a session is made from. Immutable.
-class URLSessionConfiguration {
+class KESTROVA_EXPORT URLSessionConfiguration {
  public:
   static URLSessionConfiguration backgroundSessionConfigurationWithIdentifier(std::string identifier) {
     return URLSessionConfiguration(std::move(identifier));
@@ -39,7 +40,7 @@ class URLSessionConfiguration {
 
 /// Told of a session's events, one at a time, on the session's delegate queue. What leaves an operation goes to the
 /// uncaught-exception service; the event then counts as not handed over.
-class URLSessionDelegate {
+class KESTROVA_EXPORT URLSessionDelegate {
  public:
   virtual ~URLSessionDelegate() = default;
   /// A task has ended: with an answer, whatever its status (error absent), or with an error.
@@ -54,7 +55,7 @@ class URLSessionDelegate {
                                                                const URLSessionTaskRef& downloadTask, const URL& location) = 0;
 };
 
-class BackgroundURLSession {
+class KESTROVA_EXPORT BackgroundURLSession {
  public:
   /// Data, upload and download tasks.
   using TasksHandler =
@@ -83,7 +84,7 @@ class BackgroundURLSession {
 };
 
 /// Makes the background sessions of a process, and tells a program that was launched for one when it has done its part.
-class BackgroundURLSessions {
+class KESTROVA_EXPORT BackgroundURLSessions {
  public:
   static BackgroundURLSessions& backgroundSessions();
   virtual ~BackgroundURLSessions() = default;

@@ -3,11 +3,12 @@
 
 #include <functional>
 
+#include "platform/Export.h"
 #include "platform/URL.h"
 
 namespace platform {
 
-class BrowserOpener {
+class KESTROVA_EXPORT BrowserOpener {
  public:
   /// Whether the browser took the address.
   using Completion = std::move_only_function<void(bool didOpen)>;

@@ -4,9 +4,11 @@
 #include <optional>
 #include <string>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class Bundle {
+class KESTROVA_EXPORT Bundle {
  public:
   static Bundle& mainBundle();
   virtual ~Bundle() = default;

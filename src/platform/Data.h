@@ -9,13 +9,14 @@
 #include <string_view>
 
 #include "platform/Error.h"
+#include "platform/Export.h"
 #include "platform/String.h"
 
 namespace platform {
 
 class URL;
 
-class Data {
+class KESTROVA_EXPORT Data {
  public:
   Data() = default;
   explicit Data(std::string_view bytes) : bytes_(bytes) {}
@@ -49,7 +50,7 @@ class Data {
   String bytes_;
 };
 
-class MutableData {
+class KESTROVA_EXPORT MutableData {
  public:
   void appendData(const Data& data) { bytes_.append(data.bytes()); }
   void setData(const Data& data) { bytes_.assign(data.bytes()); }
@@ -63,10 +64,10 @@ class MutableData {
 };
 
 /// True when the bytes are well-formed UTF-8 (RFC 3629: no surrogates, no overlong forms, nothing above U+10FFFF).
-bool isWellFormedUtf8(std::string_view bytes);
+KESTROVA_EXPORT bool isWellFormedUtf8(std::string_view bytes);
 
 /// The service behind subdataWithRange, so that a test can make one cut raise.
-class DataService {
+class KESTROVA_EXPORT DataService {
  public:
   virtual ~DataService() = default;
   virtual Data subdataWithRange(std::string_view whole, std::uint64_t location, std::uint64_t length);

@@ -3,9 +3,11 @@
 
 #include <string>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class Date {
+class KESTROVA_EXPORT Date {
  public:
   Date() = default;  // 1970
   /// The current time of the process's clock. Any thread.
@@ -27,7 +29,7 @@ class Date {
 };
 
 /// The device's clock, a service of the process.
-class Clock {
+class KESTROVA_EXPORT Clock {
  public:
   virtual ~Clock() = default;
   /// Wall-clock time, which may jump in both directions. Any thread; never fails.

@@ -5,10 +5,11 @@
 #include <string_view>
 
 #include "platform/Data.h"
+#include "platform/Export.h"
 
 namespace platform {
 
-class Digest {
+class KESTROVA_EXPORT Digest {
  public:
   enum class Algorithm { kSHA256, kSHA384, kSHA512 };
 

@@ -6,11 +6,13 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Export.h"
+
 namespace platform {
 
 class UncaughtException;
 
-class DispatchQueue {
+class KESTROVA_EXPORT DispatchQueue {
  public:
   using Block = std::move_only_function<void()>;
 
@@ -39,7 +41,7 @@ class DispatchQueue {
 };
 
 /// Makes the queues of a process.
-class DispatchQueues {
+class KESTROVA_EXPORT DispatchQueues {
  public:
   /// Given blocks to run in order, one at a time.
   using Executor = std::function<void(DispatchQueue::Block)>;

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Export.h"
+
 namespace platform {
 
 inline constexpr const char* kCocoaErrorDomain = "NSCocoaErrorDomain";
@@ -46,7 +48,7 @@ enum URLErrorCode : std::int64_t {
   kURLErrorServerCertificateUntrusted = -1202,
 };
 
-class Error {
+class KESTROVA_EXPORT Error {
  public:
   /// An empty description stands for "no text of its own" and is replaced by the generic text (platform row U9).
   Error(std::string domain, std::int64_t code, std::string localizedDescription = {}, std::string debugDescription = {},

@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/Export.h"
+
 namespace platform {
 
 inline constexpr const char* kInvalidArgumentException = "NSInvalidArgumentException";
@@ -17,7 +19,7 @@ inline constexpr const char* kFileHandleOperationException = "NSFileHandleOperat
 inline constexpr const char* kGenericException = "NSGenericException";
 inline constexpr const char* kInternalInconsistencyException = "NSInternalInconsistencyException";
 
-class Exception : public std::exception {
+class KESTROVA_EXPORT Exception : public std::exception {
  public:
   Exception(std::string name, std::string reason)
       : name_(std::move(name)), reason_(std::move(reason)), what_(name_ + ": " + reason_) {}

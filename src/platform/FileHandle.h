@@ -12,11 +12,12 @@
 
 #include "platform/Data.h"
 #include "platform/Error.h"
+#include "platform/Export.h"
 #include "platform/URL.h"
 
 namespace platform {
 
-class FileHandle {
+class KESTROVA_EXPORT FileHandle {
  public:
   /// Opens an existing file at offset 0; neither creates nor truncates. A missing file fails with 4 for writing and updating and
   /// 260 for reading, an absent URL with 4 (platform rows F2, F3, F9).

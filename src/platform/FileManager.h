@@ -15,12 +15,13 @@
 #include "platform/Data.h"
 #include "platform/Date.h"
 #include "platform/Error.h"
+#include "platform/Export.h"
 #include "platform/FileHandle.h"
 #include "platform/URL.h"
 
 namespace platform {
 
-struct FileAttributes {
+struct KESTROVA_EXPORT FileAttributes {
   enum class Type { kRegular, kDirectory, kSymbolicLink, kOther };
   std::uint64_t fileSize = 0;  // bytes
   Type type = Type::kRegular;
@@ -28,7 +29,7 @@ struct FileAttributes {
   Date attributeModificationDate;  // last status change, which making a link renews (platform row D2)
 };
 
-class FileManager {
+class KESTROVA_EXPORT FileManager {
  public:
   static FileManager& defaultManager();
   virtual ~FileManager() = default;

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Export.h"
 #include "platform/String.h"
 
 namespace platform {
@@ -22,7 +23,7 @@ concept Describable = requires(const T& object) {
   { object.description() } -> std::convertible_to<std::string_view>;
 };
 
-class FormatArgument {
+class KESTROVA_EXPORT FormatArgument {
  public:
   template <std::signed_integral I>
   FormatArgument(I number) : sort_(Sort::kSigned), integer_(number) {}
@@ -59,6 +60,6 @@ class FormatArgument {
 };
 
 /// An absent object prints `(null)` (platform row V4). %d takes the low 32 bits, %ld, %li and %lld all 64, %lu unsigned.
-std::string stringWithFormat(std::string_view format, std::initializer_list<FormatArgument> arguments);
+KESTROVA_EXPORT std::string stringWithFormat(std::string_view format, std::initializer_list<FormatArgument> arguments);
 
 }  // namespace platform

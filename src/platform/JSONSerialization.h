@@ -5,11 +5,12 @@
 
 #include "platform/Data.h"
 #include "platform/Error.h"
+#include "platform/Export.h"
 #include "platform/Value.h"
 
 namespace platform {
 
-class JSONSerialization {
+class KESTROVA_EXPORT JSONSerialization {
  public:
   /// Compact UTF-8 text with the keys in the order of their bytes. Raises NSInvalidArgumentException for a top level that is no
   /// object or array, for dates and data, for NaN and the infinities; fails with an error for a string that is not well-formed

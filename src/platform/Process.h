@@ -21,6 +21,7 @@
 #include "platform/Date.h"
 #include "platform/Digest.h"
 #include "platform/DispatchQueue.h"
+#include "platform/Export.h"
 #include "platform/FileManager.h"
 #include "platform/JSONSerialization.h"
 #include "platform/SecureRandom.h"
@@ -33,7 +34,7 @@
 namespace platform {
 
 /// Texts that the host supplies once, before the first use; see companions/KSVConstants.h for what they mean.
-struct ExternalConstants {
+struct KESTROVA_EXPORT ExternalConstants {
   std::optional<std::string> sessionStartedKey;
   std::optional<std::string> didCookieMatchKey;
   std::optional<std::string> hawkLocalTimeSkew;
@@ -41,7 +42,7 @@ struct ExternalConstants {
   std::optional<std::string> apiHost;
 };
 
-class Process {
+class KESTROVA_EXPORT Process {
  public:
   Process() = default;
   Process(const Process&) = delete;
@@ -107,7 +108,7 @@ class Process {
 };
 
 /// What a host decides about the real services.
-struct SystemOptions {
+struct KESTROVA_EXPORT SystemOptions {
   /// The main bundle's identifier; names the application's folder.
   std::optional<std::string> bundleIdentifier;
   /// Absolute path of the folder below which the application's own folder lies, instead of the user's data folder.
@@ -127,6 +128,6 @@ struct SystemOptions {
 };
 
 /// The real services of this machine. Starts no thread and touches no file. Defined by the platform that is built for.
-std::unique_ptr<Process> makeSystemProcess(const SystemOptions& options);
+KESTROVA_EXPORT std::unique_ptr<Process> makeSystemProcess(const SystemOptions& options);
 
 }  // namespace platform

@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <span>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class SecureRandom {
+class KESTROVA_EXPORT SecureRandom {
  public:
   static SecureRandom& source();
   virtual ~SecureRandom() = default;

@@ -8,10 +8,12 @@
 #include <thread>
 #include <utility>
 
+#include "platform/Export.h"
+
 namespace platform {
 
 template <class T>
-class Slot {
+class KESTROVA_EXPORT Slot {
  public:
   Slot() = default;
   explicit Slot(T value) : value_(std::move(value)) {}

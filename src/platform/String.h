@@ -12,9 +12,11 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class String {
+class KESTROVA_EXPORT String {
  public:
   String() noexcept = default;
   String(std::string_view text);                                       // NOLINT(google-explicit-constructor): text converts freely
@@ -61,7 +63,7 @@ class String {
 };
 
 /// Bytes that grow and become a String without being copied. One thread at a time.
-class StringBuilder {
+class KESTROVA_EXPORT StringBuilder {
  public:
   StringBuilder() noexcept = default;
   StringBuilder(const StringBuilder&) = delete;

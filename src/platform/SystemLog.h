@@ -3,9 +3,11 @@
 
 #include <string_view>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class SystemLog {
+class KESTROVA_EXPORT SystemLog {
  public:
   static SystemLog& systemLog();
   virtual ~SystemLog() = default;

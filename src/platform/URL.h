@@ -6,9 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class URL {
+class KESTROVA_EXPORT URL {
  public:
   /// Absent for text that is no URL: characters that RFC 3986 does not allow (blanks, controls, quotes, non-ASCII), a bad percent
   /// escape, a bad port. A relative reference is a URL without scheme.

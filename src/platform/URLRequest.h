@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "platform/Data.h"
+#include "platform/Export.h"
 #include "platform/URL.h"
 
 namespace platform {
 
 /// Header fields in the order they were set; look-up ignores case (platform rows U6 and U7).
-class HTTPHeaderFields {
+class KESTROVA_EXPORT HTTPHeaderFields {
  public:
   using Field = std::pair<std::string, std::string>;
 
@@ -32,7 +33,7 @@ class HTTPHeaderFields {
   std::vector<Field> fields_;
 };
 
-class URLRequest {
+class KESTROVA_EXPORT URLRequest {
  public:
   /// A GET request; the URL may be absent, the task then ends with -1002.
   explicit URLRequest(std::optional<platform::URL> url) : url_(std::move(url)) {}

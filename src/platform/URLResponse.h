@@ -6,12 +6,13 @@
 #include <string>
 #include <utility>
 
+#include "platform/Export.h"
 #include "platform/URL.h"
 #include "platform/URLRequest.h"
 
 namespace platform {
 
-class HTTPURLResponse {
+class KESTROVA_EXPORT HTTPURLResponse {
  public:
   HTTPURLResponse(platform::URL url, std::int64_t statusCode, HTTPHeaderFields fields)
       : url_(std::move(url)), statusCode_(statusCode), fields_(std::move(fields)) {}

@@ -8,12 +8,13 @@
 
 #include "platform/Data.h"
 #include "platform/Error.h"
+#include "platform/Export.h"
 #include "platform/URLRequest.h"
 #include "platform/URLResponse.h"
 
 namespace platform {
 
-class URLSessionTask {
+class KESTROVA_EXPORT URLSessionTask {
  public:
   enum class State : int { kRunning = 0, kSuspended = 1, kCanceling = 2, kCompleted = 3 };
 
@@ -27,7 +28,7 @@ class URLSessionTask {
   virtual void cancel() = 0;
 };
 
-class URLSession {
+class KESTROVA_EXPORT URLSession {
  public:
   /// Body, response and error; an error is present exactly when the exchange was not completed, whatever the status. Runs exactly
   /// once, on the session's own serial completion queue.

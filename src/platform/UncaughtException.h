@@ -5,9 +5,11 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class UncaughtException {
+class KESTROVA_EXPORT UncaughtException {
  public:
   static UncaughtException& handler();
   virtual ~UncaughtException() = default;

@@ -5,11 +5,12 @@
 #include <optional>
 #include <string_view>
 
+#include "platform/Export.h"
 #include "platform/Value.h"
 
 namespace platform {
 
-class UserDefaults {
+class KESTROVA_EXPORT UserDefaults {
  public:
   static UserDefaults& standardUserDefaults();
   virtual ~UserDefaults() = default;

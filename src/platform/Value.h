@@ -18,6 +18,7 @@
 
 #include "platform/Data.h"
 #include "platform/Date.h"
+#include "platform/Export.h"
 #include "platform/String.h"
 
 namespace platform {
@@ -32,7 +33,7 @@ struct ArrayNode;
 struct ObjectNode;
 }  // namespace detail
 
-class Value {
+class KESTROVA_EXPORT Value {
  public:
   enum class Kind : std::uint8_t { kNull, kBoolean, kSigned, kUnsigned, kDouble, kString, kArray, kObject, kDate, kData };
 
@@ -116,7 +117,7 @@ class Value {
   std::string description() const;
 
   /// Numbers are equal when they mean the same number, whatever they are kept as; a boolean equals no number.
-  friend bool operator==(const Value& a, const Value& b);
+  friend KESTROVA_EXPORT bool operator==(const Value& a, const Value& b);
 
  private:
   friend class Array;
@@ -145,7 +146,7 @@ class Value {
   Payload payload_;
 };
 
-class Array {
+class KESTROVA_EXPORT Array {
  public:
   Array() noexcept = default;
   Array(std::initializer_list<Value> values);
@@ -185,7 +186,7 @@ class Array {
 };
 
 /// An object: string keys, each once, kept sorted by their bytes.
-class Dictionary {
+class KESTROVA_EXPORT Dictionary {
  public:
   Dictionary() noexcept = default;
   /// Of equal keys the first wins.
@@ -229,7 +230,7 @@ class Dictionary {
   detail::ObjectNode* node_ = nullptr;
 };
 
-struct Member {
+struct KESTROVA_EXPORT Member {
   String key;
   Value value;
 };

@@ -13,6 +13,7 @@ import global_constructors  # noqa: E402
 import include_rules  # noqa: E402
 import named_tests  # noqa: E402
 import platform_rows  # noqa: E402
+import shared_library  # noqa: E402
 import texts  # noqa: E402
 
 
@@ -285,6 +286,50 @@ class GlobalConstructors(Tree):
 
     def test_a_stream_header_s_hidden_object_is_found(self):
         self.assertEqual(1, len(self.library("#include <iostream>\nint f() { return 1; }\n")[0]))
+
+
+class SharedLibrary(Tree):
+    HEADER = """#define KESTROVA_EXPORT __attribute__((visibility("default")))
+        struct KESTROVA_EXPORT Shown { int count(); friend KESTROVA_EXPORT bool operator==(Shown, Shown); };
+        KESTROVA_EXPORT int start();"""
+    SOURCE = """#include "shown.h"
+        int Shown::count() { return 1; }
+        bool operator==(Shown, Shown) { return true; }
+        int start() { return 1; }"""
+
+    def found(self, more="", *options):
+        compiler = os.environ.get("CXX") or "g++"
+        self.write("shown.h", self.HEADER)
+        self.write("file.cpp", self.SOURCE + "\n" + more + "\n")
+        command = [compiler, "-shared", "-fPIC", "-fvisibility=hidden", "file.cpp", "-o", "lib.so"]
+        subprocess.run([*command, *(options or ("-Wl,-soname,libkestrova.so.1.2", "-Wl,-z,nodelete"))], cwd=self.root, check=True)
+        found, names = shared_library.breaches("nm", "readelf", str(self.root / "lib.so"), "1.2.3", [self.root / "shown.h"])
+        self.assertLess(2, names)
+        return [breach.split(": ", 1)[1] for breach in found]
+
+    def test_a_library_that_shows_what_its_headers_mark_passes(self):
+        self.assertEqual([], self.found())
+
+    def test_a_name_that_no_header_marks_is_found(self):
+        self.assertEqual(["shows a name that no public header marks: leaked()"], self.found("KESTROVA_EXPORT int leaked() { return 1; }"))
+        self.assertEqual(["shows a name that no public header marks: Other::leaked()"],
+                         self.found("struct KESTROVA_EXPORT Other { int leaked(); }; int Other::leaked() { return 1; }"))
+
+    def test_a_marked_function_that_is_not_shown_is_found(self):
+        self.HEADER += "KESTROVA_EXPORT int forgotten();"
+        self.assertEqual(["does not show what a public header marks: forgotten"], self.found())
+
+    def test_a_global_constructor_is_found(self):
+        for code in ("static int answer = start();", "__attribute__((constructor)) static void before() {}"):
+            self.assertEqual(["runs 1 functions of its own before main"], self.found(code))
+
+    def test_a_library_that_can_be_unloaded_is_found(self):
+        self.assertEqual(["can be unloaded while its threads run: link it with -z nodelete"],
+                         self.found("", "-Wl,-soname,libkestrova.so.1.2"))
+
+    def test_another_name_and_none_are_found(self):
+        for options in (["-Wl,-soname,libkestrova.so.1.3"], []):
+            self.assertEqual(["is not named libkestrova.so.1.2"], self.found("", "-Wl,-z,nodelete", *options))
 
 
 class NamedTests(Tree):

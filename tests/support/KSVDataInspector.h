@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "client/KSVData.h"
+#include "companions/KSVHawkAuth.h"
 
 struct KSVDataInspector {
   std::shared_ptr<KSVData> client;

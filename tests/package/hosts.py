@@ -1,0 +1,295 @@
+# Builds and runs a host's project for each way in which the library can be linked, far from the source tree.
+#
+#   hosts.py install BUILD NOTE         installs a build into a new folder, whose name goes into the file NOTE
+#   hosts.py remove NOTE                removes that folder
+#   hosts.py WAY --build BUILD --note NOTE --source SOURCE --compiler CXX
+#
+# The program is the one of README.md, word for word. It reports an event to the installed development server, whose journal must have it.
+# A trace of the system calls of building and running shows that no file of the source or build tree is looked at, except for the way
+# that takes the sources in.
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+HERE = pathlib.Path(__file__).resolve().parent
+LIMIT = 100  # seconds for one step of a host's life
+APPLICATION = "com.example.app"
+SECRET = "a secret of mine"
+
+
+class Failure(Exception):
+    pass
+
+
+def run(*command, env=None):
+    """The standard output of a command that must succeed, run where the environment says."""
+    done = subprocess.run([str(part) for part in command], env=env, cwd=env and env["PWD"], capture_output=True, text=True,
+                          timeout=6 * LIMIT, check=False)
+    if done.returncode != 0:
+        raise Failure(f"{' '.join(map(str, command))}\nended with {done.returncode}:\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def block_of(document, heading, language):
+    """The first fenced block of a language below a heading."""
+    text = document.read_text(encoding="utf-8")
+    found = re.search(rf"^## {re.escape(heading)}$.*?^```{language}$\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
+    if not found:
+        raise Failure(f"{document} has no block of {language} below {heading}")
+    return found[1]
+
+
+@contextlib.contextmanager
+def started(command, env, **streams):
+    """A process that is ended when the block is left, or when the time is up."""
+    process = subprocess.Popen([str(part) for part in command], env=env, cwd=env and env["PWD"], text=True, **streams)
+    timer = threading.Timer(LIMIT, process.kill)
+    timer.start()
+    try:
+        yield process
+    finally:
+        timer.cancel()
+        process.kill()
+        process.wait()
+        for stream in (process.stdin, process.stdout):
+            if stream:
+                stream.close()
+
+
+class Server:
+    """The installed development server on a free port."""
+
+    def __init__(self, process, state):
+        self.process = process
+        self.journal = state / "journal.jsonl"
+        ready = json.loads(self.line_with("ready {").split("ready ", 1)[1])
+        self.host = f"localhost:{ready['port']}"
+        self.authority = ready["caFile"]
+
+    def line_with(self, text):
+        for line in self.process.stdout:
+            if text in line:
+                return line
+        raise Failure(f"the server ended, or the time was up, before it wrote: {text}")
+
+    def entries(self):
+        return [json.loads(line) for line in self.journal.read_text(encoding="utf-8").splitlines()]
+
+
+@contextlib.contextmanager
+def server(prefix, folder):
+    (folder / "secret").write_text(SECRET, encoding="utf-8")
+    state = folder / "state"
+    command = [prefix / "bin/kestrova-devserver", "--port", "0", "--state", state, "--app", APPLICATION, "--secret-file", folder / "secret"]
+    with started(command, None, stdout=subprocess.PIPE) as process:
+        yield Server(process, state)
+
+
+class Trace:
+    """Runs commands and keeps which files they and their children name to the system."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.count = 0
+
+    def command(self, *command):
+        self.count += 1
+        return ["strace", "--seccomp-bpf", "-f", "-qq", "-e", "trace=%file", "-o", str(self.folder / f"trace.{self.count}"), *command]
+
+    def lines(self):
+        return [line for path in sorted(self.folder.glob("trace.*")) for line in path.read_text(errors="replace").splitlines()]
+
+
+def environment(folder, **more):
+    """What a host's terminal has: nothing that leads back to the tree."""
+    env = {name: value for name, value in os.environ.items() if not name.startswith(("XDG_", "KESTROVA_", "CCACHE_", "SSL_CERT_"))}
+    env.update(HOME=str(folder / "home"), PWD=str(folder))
+    return {**env, **{name: str(value) for name, value in more.items()}}
+
+
+def event_arrives(program, prefix, folder, env, wrap=list):
+    """Starts the program with the server's address, and waits until the server has taken its event."""
+    with server(prefix, folder) as kestrova_server:
+        env = {**env, "SSL_CERT_FILE": kestrova_server.authority}
+        command = wrap([*map(str, program), kestrova_server.host])
+        with started(command, env, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as host:
+            kestrova_server.line_with("POST /events")
+            output, _ = host.communicate("\n", timeout=LIMIT)
+        if host.returncode != 0:
+            raise Failure(f"the host ended with {host.returncode}:\n{output}")
+        return output, kestrova_server.entries()
+
+
+class Hosts(unittest.TestCase):
+    """One test for each way."""
+
+    options = None
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="kestrova-host-")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        (self.folder / "home").mkdir()
+        self.project = self.folder / "project"
+        self.installed = pathlib.Path(self.options.note.read_text(encoding="utf-8"))
+        self.trace = Trace(self.folder)
+
+    def make_project(self, way):
+        """A copy of the way's project, with the program of the README in it."""
+        shutil.copytree(HERE / way, self.project)
+        (self.project / "main.cpp").write_text(block_of(self.options.source / "README.md", "Embed it", "cpp"), encoding="utf-8")
+
+    def assert_documented(self, heading, language, file):
+        """The lines that the documentation shows are lines of the project."""
+        shown = block_of(self.options.source / "docs/embedding.md", heading, language).splitlines()
+        lines = (self.project / file).read_text(encoding="utf-8").splitlines()
+        self.assertEqual([], [line for line in shown if line not in lines])
+
+    def build_with_cmake(self, *arguments, wrap=list, **more):
+        env = environment(self.folder, **more)
+        build = self.folder / "build"
+        configure = ["cmake", "-G", "Ninja", "-S", self.project, "-B", build, f"-DCMAKE_CXX_COMPILER={self.options.compiler}",
+                     "-DCMAKE_BUILD_TYPE=Debug", *arguments]
+        run(*wrap(list(map(str, configure))), env=env)
+        run(*wrap(["cmake", "--build", str(build)]), env=env)
+        return [build / "app"]
+
+    def assert_event_arrives(self, program, prefix, wrap=list, **more):
+        output, entries = event_arrives(program, prefix, self.folder, environment(self.folder, **more), wrap)
+        self.assertEqual("Press Enter to end.\n", output)
+        self.assertEqual([(200, "ok", True)], [(entry["status"], entry["verdict"], entry["taken"]) for entry in entries])
+        records = [(record["event"], record["eventData"]["gif"], record["eventData"]["loops"]) for record in entries[0]["records"]]
+        self.assertEqual([("gif-viewed", "g169a7", 2)], records)
+
+    def assert_tree_out_of_sight(self):
+        lines = self.trace.lines()
+        # The trace is one: it has seen the program itself being started or built.
+        self.assertTrue(any("execve" in line for line in lines))
+        for tree in (self.options.source, self.options.build):
+            self.assertEqual([], [line for line in lines if f'"{tree}' in line])
+
+    def links_shared(self, program):
+        return "libkestrova.so.0.1" in run("readelf", "-dW", program[-1])
+
+    def traced(self, command):
+        return self.trace.command(*command)
+
+    def find_package(self, prefix, shared):
+        self.make_project("find_package")
+        self.assert_documented("find_package", "cmake", "CMakeLists.txt")
+        arguments = [f"-DCMAKE_PREFIX_PATH={prefix}", f"-DBUILD_SHARED_LIBS={'ON' if shared else 'OFF'}"]
+        program = self.build_with_cmake(*arguments, wrap=self.traced)
+        self.assertEqual(shared, self.links_shared(program))
+        self.assert_event_arrives(program, prefix, wrap=self.traced)
+        self.assert_tree_out_of_sight()
+
+    def pkg_config(self, name, shared):
+        self.make_project("pkg_config")
+        self.assert_documented("pkg-config", "make", "Makefile")
+        env = environment(self.folder, PKG_CONFIG_PATH=self.installed / "lib/pkgconfig")
+        run(*self.traced(["make", "-C", str(self.project), "app", f"KESTROVA={name}", f"CXX={self.options.compiler}"]), env=env)
+        program = [self.project / "app"]
+        self.assertEqual(shared, self.links_shared(program))
+        more = {"LD_LIBRARY_PATH": self.installed / "lib"} if shared else {}
+        self.assert_event_arrives(program, self.installed, wrap=self.traced, **more)
+        self.assert_tree_out_of_sight()
+
+    def test_find_package_static(self):
+        self.find_package(self.installed, shared=False)
+
+    def test_find_package_shared(self):
+        self.find_package(self.installed, shared=True)
+
+    def test_pkg_config_static(self):
+        self.pkg_config("kestrova-static", shared=False)
+
+    def test_pkg_config_shared(self):
+        self.pkg_config("kestrova", shared=True)
+
+    def test_add_subdirectory(self):
+        self.make_project("add_subdirectory")
+        self.assert_documented("add_subdirectory", "cmake", "CMakeLists.txt")
+        # The compiler's cache, where there is one, spares a second run the compiling; it knows the sources by their content.
+        cache = {}
+        if shutil.which("ccache"):
+            cache = {"CCACHE_DIR": run("ccache", "--get-config", "cache_dir").strip(), "CCACHE_BASEDIR": "/", "CCACHE_NOHASHDIR": "1"}
+        program = self.build_with_cmake(f"-DKESTROVA_SOURCES={self.options.source}", "-DCMAKE_CXX_FLAGS_DEBUG=-O0", **cache)
+        self.assert_event_arrives(program, self.installed)
+
+    def test_debian_package(self):
+        run("cpack", "-G", "DEB", "--config", self.options.build / "CPackConfig.cmake", "-B", self.folder / "package",
+            "-D", "CPACK_DEBIAN_COMPRESSION_TYPE=none")
+        package, = (self.folder / "package").glob("kestrova_*.deb")
+        depends = run("dpkg-deb", "-f", package, "Depends")
+        for needed in ("libc6", "libcurl4", "libsqlite3-0", "libssl3", "libstdc++6"):
+            self.assertRegex(depends, rf"(^|, ){re.escape(needed)}( |,|$)")
+        root = self.folder / "root"
+        run("dpkg-deb", "-x", package, root)
+        unit = (root / "usr/lib/systemd/user/kestrova-transferd.service").read_text(encoding="utf-8")
+        self.assertIn("\nExecStart=/usr/bin/kestrova-transferd\n", unit)
+        self.find_package(root / "usr", shared=True)
+
+    def test_refusals(self):
+        """What cannot be found is refused in words that tell why."""
+        self.project.mkdir()
+        cases = {"Kestrova 0.1 REQUIRED COMPONENTS dynamic": "Kestrova has no component dynamic: it has static and shared",
+                 "Kestrova 0.2 REQUIRED": 'compatible with requested version "0.2"',
+                 "Kestrova 1 REQUIRED": 'compatible with requested version "1"'}
+        for wanted, reason in cases.items():
+            (self.project / "CMakeLists.txt").write_text(
+                f"cmake_minimum_required(VERSION 3.25)\nproject(Refused LANGUAGES NONE)\nfind_package({wanted})\n", encoding="utf-8")
+            with self.assertRaises(Failure) as failure:
+                run("cmake", "-S", self.project, "-B", self.folder / "build", f"-DCMAKE_PREFIX_PATH={self.installed}")
+            self.assertIn(reason, " ".join(str(failure.exception).split()))
+
+    def test_every_public_header(self):
+        """A program may include each of the installed headers, and none needs one that is not there."""
+        include = self.installed / "include/kestrova"
+        headers = sorted(str(path.relative_to(include)) for path in include.rglob("*.h"))
+        self.assertLess(30, len(headers))
+        (self.folder / "all.cpp").write_text("".join(f'#include "{name}"\n' for name in headers), encoding="utf-8")
+        run(self.options.compiler, "-std=c++23", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-I", include, self.folder / "all.cpp")
+
+
+def install(build, note):
+    prefix = tempfile.mkdtemp(prefix="kestrova-installed-")
+    note.parent.mkdir(parents=True, exist_ok=True)
+    note.write_text(prefix, encoding="utf-8")
+    # Nothing of an installation may depend on the place that was named when the build was configured.
+    run("cmake", "--install", build, "--prefix", prefix)
+    unit = (pathlib.Path(prefix) / "lib/systemd/user/kestrova-transferd.service").read_text(encoding="utf-8")
+    if f"\nExecStart={prefix}/bin/kestrova-transferd\n" not in unit:
+        raise Failure(f"the unit does not name the installed service:\n{unit}")
+
+
+def remove(note):
+    shutil.rmtree(note.read_text(encoding="utf-8"))
+    note.unlink()
+
+
+def main():
+    if sys.argv[1] == "install":
+        return install(sys.argv[2], pathlib.Path(sys.argv[3]))
+    if sys.argv[1] == "remove":
+        return remove(pathlib.Path(sys.argv[2]))
+    parser = argparse.ArgumentParser()
+    parser.add_argument("way")
+    for name in ("build", "note", "source"):
+        parser.add_argument(f"--{name}", type=pathlib.Path, required=True)
+    parser.add_argument("--compiler", required=True)
+    Hosts.options = parser.parse_args()
+    suite = unittest.TestSuite([Hosts(f"test_{Hosts.options.way}")])
+    return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
