@@ -20,6 +20,9 @@ install(DIRECTORY ${Kestrova_SOURCE_DIR}/cmake/constants DESTINATION ${package_f
 # Public headers.
 foreach(header ${KESTROVA_PUBLIC_HEADERS})
   cmake_path(GET header PARENT_PATH room)
+  if(room STREQUAL capi)
+    set(room "")
+  endif()
   install(FILES ${Kestrova_SOURCE_DIR}/src/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kestrova/${room})
 endforeach()
 

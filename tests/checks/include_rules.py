@@ -20,6 +20,8 @@ ALL = None
 ROOMS = {
     **{room: (CLIENT_ROOMS + ("companions", "platform"), False) for room in CLIENT_ROOMS + ("companions",)},
     "platform": (("platform",), False),
+    # The C interface converts, and lives on the same side of the platform as the client.
+    "capi": (CLIENT_ROOMS + ("companions", "platform", "capi"), False),
     # The platform's background sessions speak to the transfer service, so its messages are known to both.
     "platform/linux": (("platform", "platform/linux", "transfer/protocol"), True),
     "transfer/protocol": (("transfer/protocol", "platform"), False),
@@ -40,6 +42,9 @@ STANDARD_HEADERS = frozenset(
     system_error thread tuple type_traits typeindex typeinfo unordered_map unordered_set utility valarray variant vector version
     """.split()
 )
+
+# What a header for C programs is written with.
+C_HEADERS = frozenset("stddef.h stdint.h".split())
 
 CLOCKS = frozenset("chrono ctime".split())
 THREADS = frozenset("thread mutex shared_mutex condition_variable future stop_token semaphore latch barrier execution".split())
@@ -113,6 +118,8 @@ def include_breach(source, path, operand):
         return _project_header_breach(room, room_of(resolved), target)
     if target in STANDARD_HEADERS:
         return _standard_header_breach(room, target)
+    if room == "capi" and target in C_HEADERS:
+        return None
     if not ROOMS[room][1]:
         return f"{room}/ may not include <{target}>: third-party and system headers live in platform/linux/, devserver/ and cli/"
     return None

@@ -111,6 +111,13 @@ class IncludeRules(Tree):
         self.assert_breach("src/transfer/core/File.cpp", "#include <sqlite3.h>", "may not include <sqlite3.h>")
         self.assert_breach("src/transfer/core/File.cpp", '#include "client/KSVData.h"', "may not include")
 
+    def test_the_c_interface_includes_the_client_and_the_headers_of_c(self):
+        self.assert_fine("src/capi/api.h", "// For C.\n#include <stddef.h>\n#include <stdint.h>\n")
+        self.assert_fine("src/capi/api.cpp", '#include "client/KSVData.h"\n#include "platform/Data.h"\n#include <mutex>\n')
+        for header in ("unistd.h", "curl/curl.h", "stdio.h"):
+            self.assert_breach("src/capi/api.cpp", f"#include <{header}>", f"may not include <{header}>")
+        self.assert_breach("src/capi/api.cpp", '#include "platform/linux/Posix.h"', 'may not include "platform/linux/Posix.h"')
+
     def test_tools_may_include_what_they_want_but_tests(self):
         for room in ("devserver", "cli"):
             self.assert_fine(f"src/{room}/File.cpp", '#include "client/KSVData.h"\n#include <unistd.h>\n#include <fmt/core.h>\n')

@@ -2,9 +2,9 @@
 #
 #   hosts.py install BUILD NOTE         installs a build into a new folder, whose name goes into the file NOTE
 #   hosts.py remove NOTE                removes that folder
-#   hosts.py WAY --build BUILD --note NOTE --source SOURCE --compiler CXX
+#   hosts.py WAY --build BUILD --note NOTE --source SOURCE --compiler CXX --c-compiler CC
 #
-# The program is the one of README.md, word for word. It reports an event to the installed development server, whose journal must have it.
+# The program is the one of README.md, word for word, or one of examples/ over the C interface. It reports an event to the installed development server, whose journal must have it.
 # A trace of the system calls of building and running shows that no file of the source or build tree is looked at, except for the way
 # that takes the sources in.
 import argparse
@@ -65,21 +65,25 @@ def started(command, env, **streams):
                 stream.close()
 
 
+def lines_until(stream, text):
+    """What is read up to a line that holds the text."""
+    read = ""
+    for line in stream:
+        read += line
+        if text in line:
+            return read
+    raise Failure(f"the process ended, or the time was up, before it wrote a line with {text!r}:\n{read}")
+
+
 class Server:
     """The installed development server on a free port."""
 
     def __init__(self, process, state):
         self.process = process
         self.journal = state / "journal.jsonl"
-        ready = json.loads(self.line_with("ready {").split("ready ", 1)[1])
+        ready = json.loads(lines_until(process.stdout, "ready {").split("ready ", 1)[1])
         self.host = f"localhost:{ready['port']}"
         self.authority = ready["caFile"]
-
-    def line_with(self, text):
-        for line in self.process.stdout:
-            if text in line:
-                return line
-        raise Failure(f"the server ended, or the time was up, before it wrote: {text}")
 
     def entries(self):
         return [json.loads(line) for line in self.journal.read_text(encoding="utf-8").splitlines()]
@@ -116,14 +120,16 @@ def environment(folder, **more):
     return {**env, **{name: str(value) for name, value in more.items()}}
 
 
-def event_arrives(program, prefix, folder, env, wrap=list):
-    """Starts the program with the server's address, and waits until the server has taken its event."""
+def event_arrives(program, prefix, folder, env, wrap=list, until=None):
+    """Starts the program with the server's address, waits until the server has taken its event and, where it is said, the host has
+    written a line that holds the text; then presses Enter. The host's output and the journal's entries."""
     with server(prefix, folder) as kestrova_server:
         env = {**env, "SSL_CERT_FILE": kestrova_server.authority}
         command = wrap([*map(str, program), kestrova_server.host])
         with started(command, env, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as host:
-            kestrova_server.line_with("POST /events")
-            output, _ = host.communicate("\n", timeout=LIMIT)
+            lines_until(kestrova_server.process.stdout, "POST /events")
+            output = lines_until(host.stdout, until) if until else ""
+            output += host.communicate("\n", timeout=LIMIT)[0]
         if host.returncode != 0:
             raise Failure(f"the host ended with {host.returncode}:\n{output}")
         return output, kestrova_server.entries()
@@ -157,8 +163,8 @@ class Hosts(unittest.TestCase):
     def build_with_cmake(self, *arguments, wrap=list, **more):
         env = environment(self.folder, **more)
         build = self.folder / "build"
-        configure = ["cmake", "-G", "Ninja", "-S", self.project, "-B", build, f"-DCMAKE_CXX_COMPILER={self.options.compiler}",
-                     "-DCMAKE_BUILD_TYPE=Debug", *arguments]
+        env.update(CC=self.options.c_compiler, CXX=self.options.compiler)
+        configure = ["cmake", "-G", "Ninja", "-S", self.project, "-B", build, "-DCMAKE_BUILD_TYPE=Debug", *arguments]
         run(*wrap(list(map(str, configure))), env=env)
         run(*wrap(["cmake", "--build", str(build)]), env=env)
         return [build / "app"]
@@ -166,9 +172,35 @@ class Hosts(unittest.TestCase):
     def assert_event_arrives(self, program, prefix, wrap=list, **more):
         output, entries = event_arrives(program, prefix, self.folder, environment(self.folder, **more), wrap)
         self.assertEqual("Press Enter to end.\n", output)
-        self.assertEqual([(200, "ok", True)], [(entry["status"], entry["verdict"], entry["taken"]) for entry in entries])
-        records = [(record["event"], record["eventData"]["gif"], record["eventData"]["loops"]) for record in entries[0]["records"]]
+        self.assert_entries([("/events", 200)], entries)
+
+    def assert_entries(self, expected, entries):
+        """Requests that were right and taken, among them one with the event that every host reports."""
+        self.assertEqual([(path, status, "ok", True) for path, status in expected],
+                         sorted((entry["path"], entry["status"], entry["verdict"], entry["taken"]) for entry in entries))
+        records = [(record["event"], record["eventData"]["gif"], record["eventData"]["loops"])
+                   for entry in entries if entry["path"] == "/events" for record in entry["records"]]
         self.assertEqual([("gif-viewed", "g169a7", 2)], records)
+
+    def assert_share_arrives(self, program, **more):
+        """For the hosts over the C interface, which submit a share too, and are told who the user is."""
+        output, entries = event_arrives(program, self.installed, self.folder, environment(self.folder, **more), self.traced,
+                                        "The server knows this user as ")
+        self.assertRegex(output, r'^(Press Enter to end\.\n)?The server knows this user as "[A-Za-z0-9]{8}"\n(Press Enter to end\.\n)?$')
+        self.assertEqual(2, len(output.splitlines()))
+        self.assert_entries([("/events", 200), ("/shares", 201)], entries)
+        self.assert_tree_out_of_sight()
+
+    def c_program(self, name):
+        """The example in C, compiled as strictly as a C compiler can."""
+        shutil.copytree(self.options.source / "examples/c", self.project)
+        self.assert_documented("C and other languages", "c", "app.c")
+        env = environment(self.folder, PKG_CONFIG_PATH=self.installed / "lib/pkgconfig")
+        flags = run("pkg-config", "--cflags", "--libs", name, env=env).split()
+        program = self.folder / "app"
+        run(*self.traced([self.options.c_compiler, "-std=c99", "-Wall", "-Wextra", "-pedantic", "-Werror", str(self.project / "app.c"),
+                          *flags, "-lpthread", "-o", str(program)]), env=env)
+        return [program]
 
     def assert_tree_out_of_sight(self):
         lines = self.trace.lines()
@@ -214,6 +246,27 @@ class Hosts(unittest.TestCase):
 
     def test_pkg_config_shared(self):
         self.pkg_config("kestrova", shared=True)
+
+    def test_c_static(self):
+        self.assert_share_arrives(self.c_program("kestrova-static"))
+
+    def test_c_shared(self):
+        self.assert_share_arrives(self.c_program("kestrova"), LD_LIBRARY_PATH=self.installed / "lib")
+
+    def test_find_package_c(self):
+        """A project that has no C++ at all, over the shared library."""
+        self.project.mkdir()
+        shutil.copy(self.options.source / "examples/c/app.c", self.project / "main.c")
+        (self.project / "CMakeLists.txt").write_text(
+            (HERE / "find_package/CMakeLists.txt").read_text(encoding="utf-8").replace("CXX", "C").replace("main.cpp", "main.c"),
+            encoding="utf-8")
+        program = self.build_with_cmake(f"-DCMAKE_PREFIX_PATH={self.installed}", "-DBUILD_SHARED_LIBS=ON", wrap=self.traced)
+        self.assertNotIn("CMAKE_CXX_COMPILER:FILEPATH", (self.folder / "build/CMakeCache.txt").read_text(encoding="utf-8"))
+        self.assert_share_arrives(program)
+
+    def test_python(self):
+        shutil.copytree(self.options.source / "examples/python", self.project)
+        self.assert_share_arrives([sys.executable, "-B", self.project / "app.py"], LD_LIBRARY_PATH=self.installed / "lib")
 
     def test_add_subdirectory(self):
         self.make_project("add_subdirectory")
@@ -286,6 +339,7 @@ def main():
     for name in ("build", "note", "source"):
         parser.add_argument(f"--{name}", type=pathlib.Path, required=True)
     parser.add_argument("--compiler", required=True)
+    parser.add_argument("--c-compiler", required=True)
     Hosts.options = parser.parse_args()
     suite = unittest.TestSuite([Hosts(f"test_{Hosts.options.way}")])
     return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
