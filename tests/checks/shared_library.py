@@ -1,9 +1,9 @@
 # The shared library as a host meets it: it shows the names that its public headers mark and no other, runs nothing when it is loaded,
 # stays loaded, and bears the name that programs look for.
 #
-#   shared_library.py NM READELF LIBRARY VERSION FOLDER HEADER...
+#   shared_library.py NM READELF LIBRARY ARCHIVE VERSION FOLDER HEADER...
 #
-# VERSION is the project's, the HEADERs are the public ones, below FOLDER.
+# ARCHIVE is the static library of the same objects, VERSION the project's, the HEADERs are the public ones, below FOLDER.
 import pathlib
 import re
 import subprocess
@@ -60,6 +60,20 @@ def name_breaches(names, classes, functions):
             yield f"does not show what a public header marks: {function}"
 
 
+def hidden_breaches(names, operations, classes):
+    """The operations that a host sees in a marked class and could not link to."""
+    for name in sorted(set(operations) - set(names)):
+        found = OF_A_CLASS.match(re.sub(r"\[abi:\w+\]", "", name).split("(", 1)[0])
+        if found and found[1] in classes:
+            yield f"does not show an operation of a marked class: {name}"
+
+
+def operations_of(nm, archive):
+    """The functions that the objects define once and for all, whether they are shown or not."""
+    lines = (line.split(" ", 2) for line in output_of(nm, "-C", "--defined-only", archive).splitlines())
+    return [line[2] for line in lines if len(line) == 3 and line[1] == "T"]
+
+
 def dynamic_breaches(readelf, library, version):
     dynamic = output_of(readelf, "-dW", library)
     soname = f"libkestrova.so.{'.'.join(version.split('.')[:2])}"
@@ -74,16 +88,18 @@ def dynamic_breaches(readelf, library, version):
         yield f"runs {int(size[1]) // pointer - 1} functions of its own before main"
 
 
-def breaches(nm, readelf, library, version, headers):
+def breaches(nm, readelf, library, archive, version, headers):
     names = shown_names(nm, library)
+    operations = operations_of(nm, archive)
     classes, functions = marked(headers)
-    found = [*name_breaches(names, classes, functions), *dynamic_breaches(readelf, library, version)]
-    return [f"{library}: {what}" for what in found], len(names)
+    found = [*name_breaches(names, classes, functions), *hidden_breaches(names, operations, classes),
+             *dynamic_breaches(readelf, library, version)]
+    return [f"{library}: {what}" for what in found], min(len(names), len(operations))
 
 
 def main():
-    nm, readelf, library, version, folder, *headers = sys.argv[1:]
-    found, names = breaches(nm, readelf, library, version, [pathlib.Path(folder) / header for header in headers])
+    nm, readelf, library, archive, version, folder, *headers = sys.argv[1:]
+    found, names = breaches(nm, readelf, library, archive, version, [pathlib.Path(folder) / header for header in headers])
     for breach in found:
         print(breach)
     print(f"shared library: {names} names read, {len(found)} breaches")

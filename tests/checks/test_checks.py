@@ -308,9 +308,12 @@ class SharedLibrary(Tree):
         compiler = os.environ.get("CXX") or "g++"
         self.write("shown.h", self.HEADER)
         self.write("file.cpp", self.SOURCE + "\n" + more + "\n")
-        command = [compiler, "-shared", "-fPIC", "-fvisibility=hidden", "file.cpp", "-o", "lib.so"]
-        subprocess.run([*command, *(options or ("-Wl,-soname,libkestrova.so.1.2", "-Wl,-z,nodelete"))], cwd=self.root, check=True)
-        found, names = shared_library.breaches("nm", "readelf", str(self.root / "lib.so"), "1.2.3", [self.root / "shown.h"])
+        options = options or ("-Wl,-soname,libkestrova.so.1.2", "-Wl,-z,nodelete")
+        for command in ([compiler, "-c", "-fPIC", "-fvisibility=hidden", "file.cpp", "-o", "file.o"],
+                        [compiler, "-shared", "file.o", *options, "-o", "lib.so"], ["ar", "rcs", "lib.a", "file.o"]):
+            subprocess.run(command, cwd=self.root, check=True)
+        library, archive = str(self.root / "lib.so"), str(self.root / "lib.a")
+        found, names = shared_library.breaches("nm", "readelf", library, archive, "1.2.3", [self.root / "shown.h"])
         self.assertLess(2, names)
         return [breach.split(": ", 1)[1] for breach in found]
 
@@ -325,6 +328,10 @@ class SharedLibrary(Tree):
     def test_a_marked_function_that_is_not_shown_is_found(self):
         self.HEADER += "KESTROVA_EXPORT int forgotten();"
         self.assertEqual(["does not show what a public header marks: forgotten"], self.found())
+
+    def test_an_operation_that_is_not_shown_is_found(self):
+        self.HEADER += 'struct KESTROVA_EXPORT Half { __attribute__((visibility("hidden"))) int other(); };'
+        self.assertEqual(["does not show an operation of a marked class: Half::other()"], self.found("int Half::other() { return 1; }"))
 
     def test_a_global_constructor_is_found(self):
         for code in ("static int answer = start();", "__attribute__((constructor)) static void before() {}"):

@@ -26,14 +26,23 @@ APPLICATION = "com.example.app"
 SECRET = "a secret of mine"
 
 
+# Joined to the example in Python: closes the library as often as it was opened, and more.
+CLOSING = """
+    import _ctypes
+    for _ in range(3):
+        _ctypes.dlclose(library._handle)
+    print("still there" if "libkestrova.so" in open("/proc/self/maps").read() else "gone")
+"""
+
+
 class Failure(Exception):
     pass
 
 
 def run(*command, env=None):
     """The standard output of a command that must succeed, run where the environment says."""
-    done = subprocess.run([str(part) for part in command], env=env, cwd=env and env["PWD"], capture_output=True, text=True,
-                          timeout=6 * LIMIT, check=False)
+    done = subprocess.run([str(part) for part in command], env=env, cwd=env and env["PWD"], stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, timeout=6 * LIMIT, check=False)
     if done.returncode != 0:
         raise Failure(f"{' '.join(map(str, command))}\nended with {done.returncode}:\n{done.stdout}{done.stderr}")
     return done.stdout
@@ -267,6 +276,13 @@ class Hosts(unittest.TestCase):
     def test_python(self):
         shutil.copytree(self.options.source / "examples/python", self.project)
         self.assert_share_arrives([sys.executable, "-B", self.project / "app.py"], LD_LIBRARY_PATH=self.installed / "lib")
+
+    def test_stays_loaded(self):
+        """A program that closes the library goes on, and ends well, with its threads in it."""
+        program = self.folder / "closes.py"
+        program.write_text((self.options.source / "examples/python/app.py").read_text(encoding="utf-8") + CLOSING, encoding="utf-8")
+        self.assertEqual("still there\n", run(sys.executable, "-B", program, "localhost:1", env=environment(
+            self.folder, LD_LIBRARY_PATH=self.installed / "lib", SSL_CERT_FILE=self.folder / "none")).split("Press Enter to end.\n")[1])
 
     def test_add_subdirectory(self):
         self.make_project("add_subdirectory")
