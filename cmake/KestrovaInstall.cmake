@@ -48,6 +48,7 @@ endif()
 
 install(FILES ${Kestrova_SOURCE_DIR}/README.md ${Kestrova_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY ${Kestrova_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY ${Kestrova_SOURCE_DIR}/examples/c ${Kestrova_SOURCE_DIR}/examples/python DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # The Debian package: all of it, below /usr. What the programs and the shared library need is found from what they link; what the
 # static library needs is only suggested.
@@ -56,9 +57,12 @@ set(CPACK_PACKAGE_NAME kestrova)
 set(CPACK_PACKAGE_VENDOR "Kestrova")
 set(CPACK_PACKAGE_CONTACT "Kestrova <packages@kestrova.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Data and networking core of an app SDK")
-set(CPACK_PACKAGE_DESCRIPTION "Turns what an application's users do into event records and gets them to an HTTPS API with signed
- requests; what cannot be delivered waits on disk. With the libraries, static and shared, their headers, the background transfer
- service, a host application for people and scripts, and a development server.")
+string(JOIN "\n" CPACK_PACKAGE_DESCRIPTION
+       "Turns what an application's users do into event records and gets them to"
+       "an HTTPS API with signed requests; what cannot be delivered waits on disk."
+       "With the libraries, static and shared, their headers, the background"
+       "transfer service, a host application for people and scripts, and a"
+       "development server.")
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
@@ -66,5 +70,6 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "g++, pkg-config, libcurl4-openssl-dev, libssl-dev")
 include(CPack)

@@ -303,6 +303,7 @@ class Hosts(unittest.TestCase):
             self.assertRegex(depends, rf"(^|, ){re.escape(needed)}( |,|$)")
         root = self.folder / "root"
         run("dpkg-deb", "-x", package, root)
+        self.assertIn("libkestrova 0.1 kestrova (>= 0.1.0)", run("dpkg-deb", "-I", package, "shlibs"))
         unit = (root / "usr/lib/systemd/user/kestrova-transferd.service").read_text(encoding="utf-8")
         self.assertIn("\nExecStart=/usr/bin/kestrova-transferd\n", unit)
         self.find_package(root / "usr", shared=True)
@@ -338,6 +339,9 @@ def install(build, note):
     unit = (pathlib.Path(prefix) / "lib/systemd/user/kestrova-transferd.service").read_text(encoding="utf-8")
     if f"\nExecStart={prefix}/bin/kestrova-transferd\n" not in unit:
         raise Failure(f"the unit does not name the installed service:\n{unit}")
+    page = re.search(r"^Documentation=file:(.*)$", unit, re.MULTILINE)
+    if not page or not pathlib.Path(page[1]).is_file():
+        raise Failure(f"the unit does not name an installed page:\n{unit}")
 
 
 def remove(note):
