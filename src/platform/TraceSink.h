@@ -3,9 +3,11 @@
 
 #include <string_view>
 
+#include "platform/Export.h"
+
 namespace platform {
 
-class TraceSink {
+class KESTROVA_EXPORT TraceSink {
  public:
   virtual ~TraceSink() = default;
   /// One line without its end. Any thread; never waits and never fails: what nobody takes at once is left out.
