@@ -14,7 +14,6 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
-#include <utility>
 
 #include "cli/DemoGif.h"
 #include "cli/Report.h"
@@ -95,7 +94,7 @@ class Chapter {
   std::unique_ptr<ChildProcess> kestrova(const std::vector<std::string>& command, const std::string& output) {
     std::vector<std::string> arguments = demo_.options;
     arguments.insert(arguments.end(), command.begin(), command.end());
-    return start("kestrova", std::move(arguments), output);
+    return start("kestrova", arguments, output);
   }
 
   /// The bytes that the server has of a GIF that has not come whole.
