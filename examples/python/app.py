@@ -25,6 +25,7 @@ class Options(ctypes.Structure):
         ("home_directory", ctypes.c_char_p),
         ("transfer_directory", ctypes.c_char_p),
         ("transfer_service_path", ctypes.c_char_p),
+        ("launch_command", ctypes.POINTER(ctypes.c_char_p)),
         ("request_timeout", ctypes.c_double),
         ("max_response_bytes", ctypes.c_uint64),
         ("debug", ctypes.c_int),

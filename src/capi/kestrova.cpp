@@ -15,6 +15,7 @@
 #include "companions/KSVDebugger.h"
 #include "companions/KSVFeatureControl.h"
 #include "companions/Kestrova.h"
+#include "platform/BackgroundURLSession.h"
 #include "platform/Exception.h"
 #include "platform/JSONSerialization.h"
 #include "platform/JSONWriter.h"
@@ -35,6 +36,10 @@ class Callbacks final : public KSVDelegate {
   void setAppIdentifier(const platform::Value& appIdentifier) override { answer(options_.on_app_identifier, appIdentifier); }
   void handleEventsFromServer(const platform::Value& notifications) override { answer(options_.on_notifications, notifications); }
 
+  void done(kestrova_done_callback callback, void* context) {
+    pass(answers_, [&] { callback(context); });
+  }
+
   void trace(std::string_view line) { call(traces_, options_.on_trace, line); }
 
   /// Waits for the callbacks that are under way, and lets none begin any more.
@@ -54,14 +59,20 @@ class Callbacks final : public KSVDelegate {
     gate.isClosed = true;
   }
 
+  template <class Work>
+  static void pass(Gate& gate, const Work& work) {
+    const std::lock_guard lock(gate.mutex);
+    if (gate.isClosed) return;
+    ++callbacksUnderWay;
+    work();
+    --callbacksUnderWay;
+  }
+
+  /// Both kinds of callback that are given a text.
   template <class Callback>
   void call(Gate& gate, Callback callback, std::string_view text) {
-    const std::lock_guard lock(gate.mutex);
-    if (!callback || gate.isClosed) return;
     const std::string terminated(text);
-    ++callbacksUnderWay;
-    callback(options_.context, terminated.c_str(), terminated.size());
-    --callbacksUnderWay;
+    pass(gate, [&] { callback(options_.context, terminated.c_str(), terminated.size()); });
   }
 
   void answer(kestrova_json_callback callback, const platform::Value& value) {
@@ -120,6 +131,9 @@ kestrova_status checkedPath(const char* path, bool mayBeAbsent) {
   return *path == '/' ? KESTROVA_OK : KESTROVA_ERROR_BAD_PATH;
 }
 
+/// Null, or an absolute path and what follows it.
+kestrova_status checkedCommand(const char* const* command) { return command ? checkedPath(*command, false) : KESTROVA_OK; }
+
 kestrova_status firstFault(std::initializer_list<kestrova_status> statuses) {
   for (const kestrova_status status : statuses)
     if (status != KESTROVA_OK) return status;
@@ -132,10 +146,11 @@ bool isHost(std::string_view text) {
 }
 
 kestrova_status checkedOptions(const kestrova_options& options) {
-  const kestrova_status fault = firstFault(
-      {checkedOption(options.app_id, false), checkedOption(options.secret, false), checkedOption(options.api_host, false),
-       checkedOption(options.api_version, true), checkedPath(options.home_directory, true),
-       checkedPath(options.transfer_directory, true), checkedPath(options.transfer_service_path, true)});
+  const kestrova_status fault =
+      firstFault({checkedOption(options.app_id, false), checkedOption(options.secret, false),
+                  checkedOption(options.api_host, false), checkedOption(options.api_version, true),
+                  checkedPath(options.home_directory, true), checkedPath(options.transfer_directory, true),
+                  checkedPath(options.transfer_service_path, true), checkedCommand(options.launch_command)});
   if (fault != KESTROVA_OK) return fault;
   const bool isFine = isHost(options.api_host) && std::isfinite(options.request_timeout) && options.request_timeout >= 0;
   return isFine ? KESTROVA_OK : KESTROVA_ERROR_BAD_OPTIONS;
@@ -149,6 +164,7 @@ platform::SystemOptions systemOptions(const kestrova_options& options) {
   system.homeDirectory = optionalText(options.home_directory);
   system.transferDirectory = optionalText(options.transfer_directory);
   system.transferServicePath = optionalText(options.transfer_service_path);
+  for (const char* const* word = options.launch_command; word && *word; ++word) system.launchCommand.emplace_back(*word);
   if (options.request_timeout > 0) system.requestTimeout = options.request_timeout;
   if (options.max_response_bytes > 0) system.maxResponseBytes = options.max_response_bytes;
   return system;
@@ -256,6 +272,8 @@ const char* kestrova_status_name(kestrova_status status) {
       return "KESTROVA_ERROR_NO_MEMORY";
     case KESTROVA_ERROR_REFUSED:
       return "KESTROVA_ERROR_REFUSED";
+    case KESTROVA_ERROR_NOT_LAUNCHED:
+      return "KESTROVA_ERROR_NOT_LAUNCHED";
     case KESTROVA_ERROR_INTERNAL:
       return "KESTROVA_ERROR_INTERNAL";
   }
@@ -334,6 +352,18 @@ kestrova_status kestrova_upload_gif(kestrova_client* client, const char* path, c
     return capi::withShare(share, [&](const std::shared_ptr<const KSVShare>& read) {
       client->facade->data()->uploadGIFForShare(platform::URL::fileURLWithPath(path), read);
     });
+  });
+}
+
+kestrova_status kestrova_handle_launch(kestrova_client* client, kestrova_done_callback done, void* context) {
+  if (!client || !done) return KESTROVA_ERROR_NULL_ARGUMENT;
+  return capi::guarded([&] {
+    const std::optional<std::string> session = Kestrova::sessionOfLaunch();
+    if (!session) return KESTROVA_ERROR_NOT_LAUNCHED;
+    platform::BackgroundURLSessions::backgroundSessions().notifyWhenEventsAreDelivered(
+        *session, [callbacks = client->callbacks, done, context] { callbacks->done(done, context); });
+    client->facade->data()->handleEventsForBackgroundURLSessionCompletionHandler(*session, [] {});
+    return KESTROVA_OK;
   });
 }
 

@@ -45,8 +45,9 @@ typedef enum kestrova_status {
   KESTROVA_ERROR_ALREADY_STARTED = 7, /* a client is there that was not released */
   KESTROVA_ERROR_IN_CALLBACK = 8,     /* a function that must not be called from a callback was */
   KESTROVA_ERROR_NO_MEMORY = 9,
-  KESTROVA_ERROR_REFUSED = 10, /* the client cannot do it in the state that it is in */
-  KESTROVA_ERROR_INTERNAL = 11 /* a fault of the library */
+  KESTROVA_ERROR_REFUSED = 10,     /* the client cannot do it in the state that it is in */
+  KESTROVA_ERROR_INTERNAL = 11,    /* a fault of the library */
+  KESTROVA_ERROR_NOT_LAUNCHED = 12 /* this process was not launched for the end of uploads */
 } kestrova_status;
 
 /* The name of a code, as it stands above; "unknown status" for any other number. A constant. */
@@ -62,6 +63,9 @@ typedef struct kestrova_client kestrova_client;
 typedef void (*kestrova_json_callback)(void* context, const char* json, size_t length);
 /* Given each line of the trace, when debug is on. One call at a time, on the thread that the line comes from: be quick. */
 typedef void (*kestrova_trace_callback)(void* context, const char* line, size_t length);
+
+/* Told that all is done; on the main queue. */
+typedef void (*kestrova_done_callback)(void* context);
 
 /* A piece of the library's work for the main queue, to be run once by the function that comes with it. */
 typedef void (*kestrova_run)(void* block);
@@ -81,9 +85,12 @@ typedef struct kestrova_options {
   const char* home_directory;        /* absolute; the application's folder lies below it. Null: the user's data folder */
   const char* transfer_directory;    /* absolute; the folder shared with the transfer service. Null: the user's */
   const char* transfer_service_path; /* absolute; the program kestrova-transferd. Null: beside this program, or on PATH */
-  double request_timeout;            /* how long a request may go without progress, in seconds; 60 when 0 */
-  uint64_t max_response_bytes;       /* the longest answer that is taken; 16 MiB when 0 */
-  int debug;                         /* not 0: messages are formatted and kept in the trace */
+  /* The command, an absolute path first and a null pointer last, that the transfer service launches this application with when
+     uploads have ended and it is not running; it then calls kestrova_handle_launch. Null: it is not launched. */
+  const char* const* launch_command;
+  double request_timeout;      /* how long a request may go without progress, in seconds; 60 when 0 */
+  uint64_t max_response_bytes; /* the longest answer that is taken; 16 MiB when 0 */
+  int debug;                   /* not 0: messages are formatted and kept in the trace */
 
   void* context; /* handed to every function below */
   kestrova_json_callback on_user_id;
@@ -119,6 +126,10 @@ KESTROVA_API kestrova_status kestrova_submit_share(kestrova_client* client, cons
 /* Uploads a GIF for a share in the background: the upload goes on when this process is gone. `path` is absolute. When this returns
    the host may delete its file. Touches the disk. Whether the file is there and could be linked is told by the trace. */
 KESTROVA_API kestrova_status kestrova_upload_gif(kestrova_client* client, const char* path, const char* share);
+
+/* For a process that was launched with launch_command: takes the ends of the uploads over, and calls `done` once when all of them
+   are recorded, so that the process may end. KESTROVA_ERROR_NOT_LAUNCHED in any other process. */
+KESTROVA_API kestrova_status kestrova_handle_launch(kestrova_client* client, kestrova_done_callback done, void* context);
 
 /* Puts 1 at *enabled, or 0 when the server has switched the feature off; features are numbered from 0 to 63. */
 KESTROVA_API kestrova_status kestrova_feature_enabled(kestrova_client* client, int feature, int* enabled);

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <functional>
 #include <string>
@@ -112,6 +113,7 @@ TEST(CStatus, EachHasItsName) {
   EXPECT_STREQ(kestrova_status_name(KESTROVA_ERROR_NO_MEMORY), "KESTROVA_ERROR_NO_MEMORY");
   EXPECT_STREQ(kestrova_status_name(KESTROVA_ERROR_REFUSED), "KESTROVA_ERROR_REFUSED");
   EXPECT_STREQ(kestrova_status_name(KESTROVA_ERROR_INTERNAL), "KESTROVA_ERROR_INTERNAL");
+  EXPECT_STREQ(kestrova_status_name(KESTROVA_ERROR_NOT_LAUNCHED), "KESTROVA_ERROR_NOT_LAUNCHED");
 }
 
 TEST(CStatus, TheVersionIsTheProjects) { EXPECT_STREQ(kestrova_version(), "0.1.0"); }
@@ -134,6 +136,9 @@ TEST_F(CInterface, AStartSaysWhatIsWrongWithItsOptions) {
        {&kestrova_options::home_directory, &kestrova_options::transfer_directory, &kestrova_options::transfer_service_path})
     for (const char* path : {"relative/folder", ""})
       EXPECT_EQ(startedWith([&](kestrova_options& o) { o.*member = path; }), KESTROVA_ERROR_BAD_PATH) << path;
+  const std::array<const char*, 2> relative{"app", nullptr};
+  EXPECT_EQ(startedWith([&](kestrova_options& o) { o.launch_command = relative.data(); }), KESTROVA_ERROR_BAD_PATH);
+  EXPECT_EQ(startedWith([&](kestrova_options& o) { o.launch_command = &relative[1]; }), KESTROVA_ERROR_NULL_ARGUMENT);
   for (const double timeout : {-1.0, std::nan(""), static_cast<double>(INFINITY)})
     EXPECT_EQ(startedWith([&](kestrova_options& o) { o.request_timeout = timeout; }), KESTROVA_ERROR_BAD_OPTIONS) << timeout;
   EXPECT_EQ(Kestrova::shared(), nullptr);
@@ -147,6 +152,7 @@ TEST_F(CInterface, EveryFunctionWantsAClient) {
   EXPECT_EQ(kestrova_flush(nullptr), KESTROVA_ERROR_NULL_ARGUMENT);
   EXPECT_EQ(kestrova_submit_share(nullptr, "{}"), KESTROVA_ERROR_NULL_ARGUMENT);
   EXPECT_EQ(kestrova_upload_gif(nullptr, kGif, "{}"), KESTROVA_ERROR_NULL_ARGUMENT);
+  EXPECT_EQ(kestrova_handle_launch(nullptr, [](void*) {}, nullptr), KESTROVA_ERROR_NULL_ARGUMENT);
   EXPECT_EQ(kestrova_feature_enabled(nullptr, 1, &enabled), KESTROVA_ERROR_NULL_ARGUMENT);
   EXPECT_EQ(kestrova_feature_enabled(started(), 1, nullptr), KESTROVA_ERROR_NULL_ARGUMENT);
   EXPECT_EQ(enabled, 7);
@@ -240,6 +246,39 @@ TEST_F(CInterface, UploadsAreHandedToTheTransferService) {
   EXPECT_EQ(process.transfers().uploads()[0].url, "https://api.example.com/gifs?shareId=1234");
 }
 
+TEST_F(CInterface, AProcessThatWasNotLaunchedHasNothingToHandle) {
+  started();
+  EXPECT_EQ(kestrova_handle_launch(client, nullptr, nullptr), KESTROVA_ERROR_NULL_ARGUMENT);
+  EXPECT_EQ(kestrova_handle_launch(client, [](void*) { ADD_FAILURE() << "called"; }, nullptr), KESTROVA_ERROR_NOT_LAUNCHED);
+}
+
+TEST_F(CInterface, ALaunchedProcessTakesTheEndsOfUploadsOver) {
+  const auto device = std::make_shared<TestDevice>();
+  device->files->setBytesAtPath(kGif, "GIF89a");
+  std::string session;
+  {
+    TestProcess first({.device = device});
+    started();
+    EXPECT_EQ(kestrova_upload_gif(client, kGif, "{}"), KESTROVA_OK);
+    first.runAll();
+    session = device->transfers->uploads().at(0).session;
+    release();
+  }
+  device->transfers->answerUpload(200);
+  device->clock->advance(1);
+  device->transfers->tick();
+
+  TestProcess next({.device = device, .launchedFor = session});
+  started();
+  int done = 0;
+  EXPECT_EQ(kestrova_handle_launch(client, [](void* context) { ++*static_cast<int*>(context); }, &done), KESTROVA_OK);
+  EXPECT_EQ(done, 0);
+  next.runAll();
+  EXPECT_EQ(done, 1);
+  EXPECT_THAT(next.trace(), testing::Contains("Background session completed"));
+  release();
+}
+
 // Callbacks.
 
 TEST_F(CInterface, TheServersAnswersAreToldAsJSON) {
@@ -277,6 +316,14 @@ TEST_F(CInterface, TheTraceIsToldWhenDebugIsOn) {
   started();
   EXPECT_EQ(kestrova_upload_gif(client, "/host/none.gif", "{}"), KESTROVA_OK);
   EXPECT_THAT(host.said, SizeIs(2));
+}
+
+TEST_F(CInterface, AFaultInABlockEndsTheProcessAsInTheClient) {
+  started();
+  EXPECT_EQ(kestrova_event(client, "opened", nullptr), KESTROVA_OK);
+  answered("[1]");
+  EXPECT_THAT(process.uncaughtReasons(), ElementsAre("*** Terminating app due to uncaught exception 'NSInvalidArgumentException', "
+                                                     "reason: '-[Value objectForKey:]: sent to an array'"));
 }
 
 TEST_F(CInterface, ACallbackMayReportEventsButNotEndOrStartTheClient) {
