@@ -169,6 +169,7 @@ void serveConnection(std::string_view text) {
   fuzz::check(kGifs && journal.open(journalFile), "there is no place for the server's files");
   devserver::Api api({{kApplication, test::TestProcess::kSecret}}, journal, **kGifs, devserver::Api::Uploads::kRepeatable,
                      "authority.pem", serverTime);
+  api.feed().close();  // a live stream would wait for what never happens
 
   Wire ours{.pieces = signedPieces(text), .answers = {}, .api = &api};
   wire = &ours;

@@ -1,12 +1,15 @@
 // Routes, verification in two steps, the answers, and what the journal says.
 #include "devserver/Api.h"
 
+#include <openssl/rand.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <stdexcept>
 #include <utility>
 
+#include "devserver/Answers.h"
 #include "devserver/Json.h"
 
 namespace devserver {
@@ -18,16 +21,16 @@ using platform::Value;
 constexpr std::uint64_t kMaxBehaviourBody = 1024ULL * 1024;
 /// Where the links of shares lead; the share's code follows.
 constexpr std::string_view kShareLinks = "/s/";
+/// Where the live page's files are; a file's name follows.
+constexpr std::string_view kPageFiles = "/dev/page/";
 
-Answer jsonAnswer(int status, const Value& body) { return {status, {{"Content-Type", "application/json"}}, writeJson(body)}; }
-Answer textAnswer(int status, std::string body) {
-  return {status, {{"Content-Type", "text/plain; charset=utf-8"}}, std::move(body)};
-}
-
-/// True for a Host header field that names this machine: a page elsewhere whose name leads here does not.
-bool isLoopbackHost(std::string_view host) {
-  const std::string_view name = host.starts_with('[') ? host.substr(0, host.find(']') + 1) : host.substr(0, host.find(':'));
-  return name == "localhost" || name == "127.0.0.1" || name == "[::1]";
+/// A name that no other run has.
+std::string randomName() {
+  std::array<unsigned char, 8> bytes{};
+  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) throw std::runtime_error("OpenSSL has no random bytes");
+  std::string name;
+  for (const unsigned char byte : bytes) name += {"0123456789abcdef"[byte >> 4U], "0123456789abcdef"[byte & 15U]};
+  return name;
 }
 
 /// A query's value with its escapes undone; what is no escape stays as it is.
@@ -93,30 +96,8 @@ Api::Api(HawkVerifier::Keys keys, Journal& journal, Gifs& gifs, Uploads uploads,
         for (const auto& [id, key] : keys) ids.push_back(id);
         return ids;
       }()),
-      now_(std::move(now)) {}
-
-std::string Api::page() const {
-  std::string text = "kestrova-devserver\n\nTrust this certificate authority: " + authorityFile_.string() + "\n\nApplications:\n";
-  for (const std::string& id : applications_) text += "  " + id + "\n";
-  text += "\nRequests taken: " + std::to_string(taken_.load()) +
-          "\n\nAPI:\n"
-          "  POST /events                          signed\n"
-          "  POST /shares                          signed\n"
-          "  GET  /shares?ids=ID,...               not signed\n"
-          "  GET  /s/ID                            a share's link: it was clicked\n"
-          "  POST /patch-previous-session-started  signed\n"
-          "  GET  /cookie-match                    a signed link\n"
-          "  POST /gifs?shareId=ID                 signed, header only\n"
-          "\nThis server:\n"
-          "  GET  /dev/records                     what came in since it started\n"
-          "  GET  /dev/behaviour                   how it misbehaves\n"
-          "  POST /dev/behaviour                   change that\n"
-          "  DELETE /dev/behaviour                 behave\n"
-          "  GET  /dev/shares                      the shares it keeps\n"
-          "  POST /dev/shares                      move their states on\n"
-          "  GET  /dev/sessions                    the newest session-started event of each device\n";
-  return text;
-}
+      now_(std::move(now)),
+      run_(randomName()) {}
 
 // --- One request: the header.
 
@@ -125,7 +106,7 @@ Exchange::Exchange(Api& api, RequestHead head) : api_(api), head_(std::move(head
   if (refusal_) return;
   if (head_.isAmbiguous)
     refuse(400, "Host must stand once, and Authorization no more than once");
-  else if (isOwn() && (head_.hasOrigin || !isLoopbackHost(head_.host)))
+  else if (isOwn() && !mayAskForOwn())
     refuse(403, "For programs on this machine only");
   else if (hasTextBody() || route_ == Route::kGif)
     verifyHeader();
@@ -143,6 +124,10 @@ void Exchange::route() {
   };
   static constexpr std::array kEntries{
       Entry{"/", "GET", Route::kPage},
+      Entry{kPageFiles, "GET", Route::kPageFile},
+      Entry{"/dev/feed", "GET", Route::kFeed},
+      Entry{"/dev/feed/live", "GET", Route::kLiveFeed},
+      Entry{"/dev/gif", "GET", Route::kShownGif},
       Entry{"/dev/records", "GET", Route::kRecords},
       Entry{"/dev/behaviour", "GET", Route::kBehaviour},
       Entry{"/dev/behaviour", "POST", Route::kBehaviour},
@@ -160,7 +145,8 @@ void Exchange::route() {
   };
   std::string allowed;
   for (const Entry& entry : kEntries) {
-    if (entry.path != head_.path() && !(entry.path == kShareLinks && head_.path().starts_with(kShareLinks))) continue;
+    const bool isFolder = entry.path == kShareLinks || entry.path == kPageFiles;
+    if (entry.path != head_.path() && !(isFolder && head_.path().starts_with(entry.path))) continue;
     if (entry.method == head_.method) {
       route_ = entry.route;
       return;
@@ -237,11 +223,13 @@ void Exchange::abandon() {
   gif_.reset();
   if (isOwn()) return print(0, "");
   record(0, "");
+  tell(std::nullopt, "");
   print(0, "");
 }
 
 void Exchange::verifyBody() {
-  if (auto right = HawkVerifier::verifyPayload(*ticket_, head_.contentType, body_); !right) return refuse(right.error());
+  hash_ = hawkPayloadHash(head_.contentType, body_);
+  if (auto right = HawkVerifier::verifyPayloadHash(*ticket_, *hash_); !right) return refuse(right.error());
   if (auto fresh = api_.verifier_.verifyFreshness(*ticket_, api_.serverTime()); !fresh) refuse(fresh.error());
 }
 
@@ -295,23 +283,20 @@ void Exchange::examine() {
 // --- One request: the answer.
 
 Reaction Exchange::finish() {
-  if (isOwn()) {
-    Answer answer = refusal_ ? *refusal_ : serveOwn();
-    print(answer.status, "");
-    return {std::move(answer), {}};
-  }
+  if (isOwn()) return finishOwn();
   if (!refusal_ && hasTextBody()) verifyBody();
   examine();
 
   const Misbehaviour misbehaviour = api_.behaviour_.take(ticket_.has_value());
-  Reaction reaction =
-      misbehaviour.kind != Misbehaviour::Kind::kNone ? misbehave(misbehaviour) : Reaction{refusal_ ? *refusal_ : serveApi(), {}};
+  Reaction reaction = misbehaviour.kind != Misbehaviour::Kind::kNone ? misbehave(misbehaviour)
+                                                                     : Reaction{refusal_ ? *refusal_ : serveApi(), {}, {}};
   reaction.delay = api_.behaviour_.delay();
   if (gif_ && !keepGif(reaction.answer ? reaction.answer->status : 0)) reaction.answer = refusal_;
   if (!record(reaction.answer ? reaction.answer->status : 0, misbehaviour.name())) {
     if (gif_) gif_->discard();
     reaction.answer = jsonAnswer(500, Dictionary{{"error", "The journal cannot be written"}});
   }
+  tell(reaction.answer, misbehaviour.name());
   print(reaction.answer ? reaction.answer->status : 0, misbehaviour.name());
   return reaction;
 }
@@ -329,41 +314,12 @@ bool Exchange::keepGif(int status) {
 
 Reaction Exchange::misbehave(const Misbehaviour& misbehaviour) const {
   if (misbehaviour.kind == Misbehaviour::Kind::kDrop) return {};
-  if (misbehaviour.kind != Misbehaviour::Kind::kStale) return {misbehaviour.answer, {}};
+  if (misbehaviour.kind != Misbehaviour::Kind::kStale) return {misbehaviour.answer, {}, {}};
   const auto now = std::chrono::floor<std::chrono::seconds>(api_.serverTime()).count();
   const std::string time = misbehaviour.time.value_or(std::to_string(now));
   Answer answer = jsonAnswer(401, Dictionary{{"error", "Stale timestamp"}});
   answer.fields.emplace_back("WWW-Authenticate", staleChallenge(ticket_->key, time, misbehaviour.tsm));
-  return {std::move(answer), {}};
-}
-
-Answer Exchange::serveOwn() {
-  if (route_ == Route::kPage) return textAnswer(200, api_.page());
-  if (route_ == Route::kBehaviour) return serveBehaviour();
-  if (route_ == Route::kShareStates) return serveShareStates();
-  if (route_ == Route::kSessions) return jsonAnswer(200, Dictionary{{"sessions", api_.sessions_.all()}});
-  const auto entries = api_.journal_.entriesAsJson();
-  if (!entries) return jsonAnswer(500, Dictionary{{"error", entries.error()}});
-  return {200, {{"Content-Type", "application/json"}}, "{\"requests\":" + *entries + "}"};
-}
-
-Answer Exchange::serveBehaviour() {
-  if (head_.method == "DELETE") api_.behaviour_.reset();
-  if (head_.method == "POST") {
-    const auto settings = readJsonObject(body_);
-    const auto changed = settings ? api_.behaviour_.change(*settings) : std::unexpected(settings.error());
-    if (!changed) return jsonAnswer(400, Dictionary{{"error", changed.error()}});
-  }
-  return jsonAnswer(200, api_.behaviour_.state());
-}
-
-Answer Exchange::serveShareStates() {
-  if (head_.method == "POST") {
-    const auto states = readJsonObject(body_);
-    const auto changed = states ? api_.shares_.change(*states, api_.serverTime()) : std::unexpected(states.error());
-    if (!changed) return jsonAnswer(400, Dictionary{{"error", changed.error()}});
-  }
-  return jsonAnswer(200, Dictionary{{"shares", api_.shares_.all()}});
+  return {std::move(answer), {}, {}};
 }
 
 Answer Exchange::serveApi() {
@@ -424,7 +380,7 @@ Exchange::Sender Exchange::claimedSender() const {
   return {std::move(claimed->id), std::move(claimed->ext)};
 }
 
-bool Exchange::record(int status, const char* misbehaviour) {
+Dictionary Exchange::entryOf(int status, const char* misbehaviour) const {
   const bool taken = verdict_ == "ok" && status >= 200 && status <= 299;
   Dictionary entry = details_;
   entry.addEntriesFromDictionary({{"time", timeText()},
@@ -440,12 +396,83 @@ bool Exchange::record(int status, const char* misbehaviour) {
   const Sender sender = claimedSender();
   if (sender.app) entry.setObjectForKey(Value(*sender.app), "app");
   if (sender.device) entry.setObjectForKey(Value(*sender.device), "device");
+  return entry;
+}
+
+bool Exchange::record(int status, const char* misbehaviour) {
+  const Dictionary entry = entryOf(status, misbehaviour);
   if (const auto appended = api_.journal_.append(entry); !appended) {
     printError(appended.error());
     return false;
   }
-  if (taken) ++api_.taken_;
+  if (entry.objectForKey("taken") == Value(true)) ++api_.taken_;
   return true;
+}
+
+const char* Exchange::kind() const {
+  switch (route_) {
+    case Route::kEvents:
+      return "batch";
+    case Route::kSubmitShare:
+      return "share";
+    case Route::kFindShares:
+      return "lookup";
+    case Route::kShareLink:
+      return "link";
+    case Route::kCookieMatch:
+      return "match";
+    case Route::kPatch:
+      return "patch";
+    case Route::kGif:
+      return "upload";
+    default:
+      return "other";
+  }
+}
+
+std::string Exchange::nonceKey() const {
+  return ticket_ ? ticket_->attributes.id + "\n" + ticket_->attributes.nonce + "\n" + ticket_->attributes.ts : "";
+}
+
+/// A body that comes again is signed anew, but for that of an upload.
+std::string Exchange::identity() const {
+  if (!ticket_ || body_.empty()) return route_ == Route::kGif ? nonceKey() : "";
+  const HawkAttributes& from = ticket_->attributes;
+  return from.id + "\n" + from.ext.value_or("") + "\n" + head_.target + "\n" + hash_.value_or("");
+}
+
+Judged Exchange::judged() const {
+  Judged request;
+  request.method = head_.method;
+  request.target = head_.target;
+  request.host = head_.host;
+  request.contentType = head_.contentType;
+  if (head_.authorization) request.authorization = *head_.authorization;
+  request.verdict = verdict_;
+  request.ticket = ticket_ ? &*ticket_ : nullptr;
+  request.hash = hash_;
+  request.bodyBytes = body_.size();
+  request.isUpload = route_ == Route::kGif;
+  request.serverTime = api_.serverTime();
+  if (ticket_) request.firstUse = api_.story_.firstUseOf(nonceKey());
+  return request;
+}
+
+void Exchange::tell(const std::optional<Answer>& answer, const char* misbehaviour) const {
+  Happening happening;
+  happening.at = api_.now_();
+  happening.kind = kind();
+  happening.entry = entryOf(answer ? answer->status : 0, misbehaviour);
+  if (hasTextBody() || route_ == Route::kGif) happening.checks = checksOfHeader(judged(), api_.applications_);
+  if (route_ == Route::kCookieMatch) happening.checks = checksOfLink(judged(), api_.applications_);
+  happening.identity = identity();
+  happening.nonce = nonceKey();
+  if (ticket_) happening.clock = std::chrono::seconds(std::stoll(ticket_->attributes.ts)) - happening.at;
+  happening.isChallenged = answer && std::ranges::any_of(answer->fields, [](const auto& field) {
+                             return field.first == "WWW-Authenticate" && field.second.starts_with("Hawk ts=");
+                           });
+  if (*misbehaviour) happening.behaviour = api_.behaviour_.state();
+  api_.story_.tell(happening);
 }
 
 std::string Exchange::remark() const {

@@ -18,11 +18,14 @@
 #include <vector>
 
 #include "devserver/Behaviour.h"
+#include "devserver/Feed.h"
 #include "devserver/Gifs.h"
 #include "devserver/HawkVerifier.h"
 #include "devserver/Journal.h"
 #include "devserver/Sessions.h"
 #include "devserver/Shares.h"
+#include "devserver/SignatureChecks.h"
+#include "devserver/Story.h"
 #include "platform/Value.h"
 
 namespace devserver {
@@ -39,9 +42,13 @@ struct RequestHead {
   std::string host;
   std::optional<std::string> authorization;
   std::string contentType;
-  bool hasOrigin = false;        // sent by a page in a browser
-  bool isAmbiguous = false;      // Host or Authorization more than once, or no Host
-  std::uint64_t connection = 0;  // which of the server's connections it came on
+  std::optional<std::string> origin;  // there when it was sent by a page in a browser
+  std::string fetchSite;              // Sec-Fetch-Site: where the page is from, as the browser says
+  bool hasPageMark = false;           // sent by a script of the live page, which no other page can imitate
+  bool acceptsHtml = false;
+  std::optional<std::string> lastEventId;  // where a live stream broke off
+  bool isAmbiguous = false;                // Host or Authorization more than once, or no Host
+  std::uint64_t connection = 0;            // which of the server's connections it came on
 
   std::string_view path() const { return std::string_view(target).substr(0, target.find('?')); }
   /// The value of a query parameter as it stands; absent when there is none.
@@ -53,6 +60,8 @@ struct RequestHead {
 /// What the connection is to do once a request is dealt with.
 struct Reaction {
   std::optional<Answer> answer;  // absent: close without one
+  /// The answer has no end: after its body come the feed's items with numbers above this one, as server-sent events.
+  std::optional<std::uint64_t> follows;
   std::chrono::milliseconds delay{0};
 };
 
@@ -69,11 +78,12 @@ class Api {
   Behaviour& behaviour() { return behaviour_; }
   /// The time that requests are measured by.
   std::chrono::milliseconds serverTime() const { return now_() + behaviour_.clockOffset(); }
+  Feed& feed() { return feed_; }
 
  private:
   friend class Exchange;
 
-  std::string page() const;
+  std::string textPage() const;
 
   Behaviour behaviour_;
   HawkVerifier verifier_;
@@ -86,6 +96,9 @@ class Api {
   std::atomic<std::uint64_t> taken_{0};
   Shares shares_;
   Sessions sessions_;
+  const std::string run_;  // tells this run's numbers in the feed from those of another
+  Feed feed_;
+  Story story_{feed_};
 };
 
 /// One request on its way. Used by one thread.
@@ -113,6 +126,10 @@ class Exchange {
  private:
   enum class Route {
     kPage,
+    kPageFile,
+    kFeed,
+    kLiveFeed,
+    kShownGif,
     kRecords,
     kBehaviour,
     kShareStates,
@@ -135,6 +152,10 @@ class Exchange {
   bool isForBrowsers() const { return route_ == Route::kShareLink || route_ == Route::kCookieMatch; }
   bool hasTextBody() const { return route_ == Route::kEvents || route_ == Route::kSubmitShare || route_ == Route::kPatch; }
 
+  /// Whether a request for the server's own pages comes from a program of this machine or from the live page.
+  bool mayAskForOwn() const;
+  bool isReadByPage() const { return route_ >= Route::kPageFile && route_ <= Route::kShownGif; }
+
   void verifyHeader();
   void beginGif();
   /// Takes a GIF for good that would be answered like this; false when it cannot be.
@@ -146,7 +167,14 @@ class Exchange {
   std::expected<platform::Value, std::string> readPosted() const;
   std::expected<void, std::string> checkPosted(const platform::Value& data);
 
+  Reaction finishOwn();
   Answer serveOwn();
+  Answer servePage() const;
+  Answer servePageFile() const;
+  Answer serveFeed() const;
+  Answer serveShownGif() const;
+  Reaction beginLiveFeed() const;
+  Answer serveRecords() const;
   Answer serveBehaviour();
   Answer serveShareStates();
   Answer serveApi();
@@ -162,6 +190,13 @@ class Exchange {
   };
   Sender claimedSender() const;
   bool record(int status, const char* misbehaviour);
+  platform::Dictionary entryOf(int status, const char* misbehaviour) const;
+  const char* kind() const;
+  /// Tells the live page of the request.
+  void tell(const std::optional<Answer>& answer, const char* misbehaviour) const;
+  Judged judged() const;
+  std::string identity() const;
+  std::string nonceKey() const;
   void print(int status, std::string_view misbehaviour) const;
   std::string remark() const;
 
@@ -173,6 +208,7 @@ class Exchange {
   std::string verdict_ = "ok";
   std::string body_;
   std::uint64_t bodyBytes_ = 0;
+  std::optional<std::string> hash_;  // of a body that came whole
   std::unique_ptr<Gifs::Intake> gif_;
   platform::Value posted_;        // the member "data" of a JSON body
   platform::Dictionary details_;  // what the journal says beyond the members that every entry has

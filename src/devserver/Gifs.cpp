@@ -113,6 +113,16 @@ void Gifs::adopt() {
   if (!kept_.empty()) lastNumber_ = kept_.back().number;
 }
 
+std::expected<std::string, std::string> Gifs::content(std::string_view name, std::uint64_t longest) const {
+  // A name of the one form leads nowhere else.
+  if (!numberIn(name, nameOfKept)) return std::unexpected("There is no such GIF");
+  std::error_code error;
+  const std::uintmax_t size = fs::file_size(pathOf(name), error);
+  if (error) return std::unexpected("There is no such GIF");
+  if (size > longest) return std::unexpected("The GIF is too large to be shown");
+  return readFile(pathOf(name));
+}
+
 void Gifs::removeOldest() {
   std::error_code ignored;
   fs::remove(pathOf(nameOfKept(kept_.front().number)), ignored);

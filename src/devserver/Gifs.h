@@ -34,6 +34,8 @@ class Gifs {
   Gifs& operator=(const Gifs&) = delete;
 
   const std::filesystem::path& folder() const { return folder_; }
+  /// What a GIF of that name holds, when it is in the folder and not longer than this; else why it cannot be had.
+  std::expected<std::string, std::string> content(std::string_view name, std::uint64_t longest) const;
 
   /// One GIF on its way. Used by one thread; leaves nothing unless it was kept.
   class Intake {

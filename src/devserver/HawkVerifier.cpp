@@ -358,9 +358,12 @@ std::expected<HawkBewit, HawkRefusal> HawkVerifier::verifyLink(const HawkRequest
 
 std::expected<void, HawkRefusal> HawkVerifier::verifyPayload(const HawkTicket& ticket, std::string_view contentType,
                                                              std::string_view payload) {
+  return verifyPayloadHash(ticket, hawkPayloadHash(contentType, payload));
+}
+
+std::expected<void, HawkRefusal> HawkVerifier::verifyPayloadHash(const HawkTicket& ticket, std::string_view hash) {
   if (!ticket.attributes.hash) return std::unexpected(unauthorized("Missing required payload hash"));
-  if (!equal(hawkPayloadHash(contentType, payload), *ticket.attributes.hash))
-    return std::unexpected(unauthorized("Bad payload hash"));
+  if (!equal(hash, *ticket.attributes.hash)) return std::unexpected(unauthorized("Bad payload hash"));
   return {};
 }
 

@@ -107,6 +107,8 @@ class HawkVerifier {
   /// The body against the hash in the header.
   static std::expected<void, HawkRefusal> verifyPayload(const HawkTicket& ticket, std::string_view contentType,
                                                         std::string_view payload);
+  /// The same for a body whose hash is known.
+  static std::expected<void, HawkRefusal> verifyPayloadHash(const HawkTicket& ticket, std::string_view hash);
   /// The nonce, which is used up, and then the age; `now` counts from 1970.
   std::expected<void, HawkRefusal> verifyFreshness(const HawkTicket& ticket, std::chrono::milliseconds now);
 

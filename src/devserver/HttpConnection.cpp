@@ -27,6 +27,9 @@ constexpr std::size_t kBlock = 65536;
 constexpr std::chrono::minutes kMaxBodyTime{10};
 /// The longest rest of a refused body that is read and thrown away to keep the connection.
 constexpr std::uint64_t kMaxThrownAway = 1024ULL * 1024;
+/// How many items a live stream sends at once, and how long it is silent.
+constexpr std::size_t kLiveChunk = 1000;
+constexpr std::chrono::seconds kHeartbeat{5};
 
 /// What Beast reads from; the names are Beast's.
 class Stream {
@@ -75,17 +78,27 @@ RequestHead headOf(const Parser& parser, std::uint64_t connection) {
   head.host = viewOf(request[http::field::host]);
   head.contentType = viewOf(request[http::field::content_type]);
   if (request.count(http::field::authorization)) head.authorization = viewOf(request[http::field::authorization]);
-  head.hasOrigin = request.count(http::field::origin) > 0;
+  if (request.count(http::field::origin)) head.origin = viewOf(request[http::field::origin]);
+  head.fetchSite = viewOf(request["Sec-Fetch-Site"]);
+  head.hasPageMark = request.count("X-Kestrova-Page") > 0;
+  head.acceptsHtml = viewOf(request[http::field::accept]).find("text/html") != std::string_view::npos;
+  if (request.count("Last-Event-ID")) head.lastEventId = viewOf(request["Last-Event-ID"]);
   head.isAmbiguous = request.count(http::field::host) != 1 || request.count(http::field::authorization) > 1;
   head.connection = connection;
   return head;
 }
 
-/// The text of an answer on the wire.
-std::string wireText(const Answer& answer, bool close, bool withBody) {
+/// The status line and the fields that an answer itself has.
+std::string wireHead(const Answer& answer) {
   const std::string_view reason = viewOf(http::obsolete_reason(http::int_to_status(static_cast<unsigned>(answer.status))));
   std::string text = "HTTP/1.1 " + std::to_string(answer.status) + " " + std::string(reason) + "\r\n";
   for (const auto& [name, value] : answer.fields) text.append(name).append(": ").append(value).append("\r\n");
+  return text;
+}
+
+/// The text of an answer on the wire.
+std::string wireText(const Answer& answer, bool close, bool withBody) {
+  std::string text = wireHead(answer);
   if (answer.status != 204 && answer.status != 304) text += "Content-Length: " + std::to_string(answer.body.size()) + "\r\n";
   if (close) text += "Connection: close\r\n";
   text += "\r\n";
@@ -173,6 +186,7 @@ class Session {
   bool answer(Parser& parser, const Reaction& reaction) {
     if (reaction.delay.count() > 0 && !stop_.wait(reaction.delay)) return false;
     if (!reaction.answer) return false;
+    if (reaction.follows) return follow(*reaction.answer, *reaction.follows);
     // A client that waits for leave to send its body may send it or not after a refusal: nobody could tell where the next request
     // starts.
     const bool waits = parser.get().count(http::field::expect) > 0 && !parser.is_done();
@@ -192,6 +206,19 @@ class Session {
     ++served_;
     const std::int64_t closeEvery = api_.behaviour().closeEvery();
     if (closeEvery == 0 || served_ % closeEvery != 0) return true;
+    connection_.closeOrderly();
+    return false;
+  }
+
+  /// Sends the feed's items as they come, until one side ends. No other request follows.
+  bool follow(const Answer& answer, std::uint64_t last) {
+    bool isThere = connection_.write(wireHead(answer) + "Connection: close\r\n\r\n" + answer.body);
+    while (isThere && !stop_.isRaised()) {
+      const Feed::Chunk chunk = api_.feed().after(last, kLiveChunk, kHeartbeat);
+      last = chunk.last;
+      // A comment in the place of nothing shows whether anybody is still there.
+      isThere = connection_.write(chunk.empty ? ":\n\n" : "id: " + std::to_string(last) + "\ndata: " + chunk.items + "\n\n");
+    }
     connection_.closeOrderly();
     return false;
   }

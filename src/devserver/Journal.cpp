@@ -76,15 +76,19 @@ std::expected<std::string, std::string> Journal::entriesAsJson() const {
   return text + "]";
 }
 
-std::string timeText() {
-  const auto now = std::chrono::system_clock::now();
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(now));
-  const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(now).time_since_epoch().count() % 1000;
+std::string timeText(std::chrono::milliseconds time) {
+  const auto whole = std::chrono::floor<std::chrono::seconds>(time);
+  const std::time_t seconds = whole.count();
+  const auto milliseconds = (time - whole).count();
   std::tm parts{};
   std::array<char, 32> text{};
   if (!::gmtime_r(&seconds, &parts)) return "";
   const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &parts);
   return std::string(text.data(), length) + std::to_string(1000 + milliseconds).substr(1) + "Z";
+}
+
+std::string timeText() {
+  return timeText(std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch()));
 }
 
 void printLine(std::string_view line) {

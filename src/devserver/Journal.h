@@ -1,6 +1,7 @@
 // What the server received: one JSON object a line, appended to a file of mode 0600, and one line for people on standard output.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <expected>
 #include <filesystem>
@@ -34,7 +35,9 @@ class Journal {
   std::uint64_t start_ = 0;  // where this run's entries begin
 };
 
-/// The current time in UTC with milliseconds, `2026-11-20T20:19:39.123Z`.
+/// A time since 1970 in UTC with milliseconds, `2026-11-20T20:19:39.123Z`.
+std::string timeText(std::chrono::milliseconds time);
+/// The current time in that form.
 std::string timeText();
 
 /// Writes one line on standard output, at once. Any thread; a reader who has gone away is no reason to stop.

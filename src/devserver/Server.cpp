@@ -101,6 +101,7 @@ void Server::run(int stopDescriptor) {
     if (waiting[2].revents) accept(listener6_);
   }
   stop_.raise();
+  api_.feed().close();
   for (const auto& worker : workers_) worker->connection.interrupt();
   reap(true);
 }

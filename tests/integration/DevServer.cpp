@@ -510,7 +510,8 @@ TEST_F(DevServerTest, MalformedAndOversizedHeadersAreRefused) {
 TEST_F(DevServerTest, OwnPagesAreForProgramsOfThisMachine) {
   DevServer server;
   const std::string port = std::to_string(server.port());
-  for (const std::string target : {"/", "/dev/records", "/dev/behaviour", "/dev/shares", "/dev/sessions"}) {
+  for (const std::string target :
+       {"/", "/dev/records", "/dev/behaviour", "/dev/shares", "/dev/sessions", "/dev/feed", "/dev/page/index.html"}) {
     EXPECT_EQ(exchange(server, "GET " + target + " HTTP/1.1\r\nHost: rebound.example:" + port + "\r\n\r\n").status, 403) << target;
     EXPECT_EQ(exchange(server, "GET " + target + " HTTP/1.1\r\nHost: localhost\r\nOrigin: https://a.example\r\n\r\n").status, 403);
     EXPECT_EQ(exchange(server, "GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + port + "\r\n\r\n").status, 200) << target;
@@ -761,7 +762,8 @@ TEST_F(DevServerTest, SecretIsShownNowhere) {
   Request forged;
   forged.key = "another";
   exchange(server, forged);
-  std::string all = get(server, "/").body + get(server, "/dev/records").body + get(server, "/dev/behaviour").body;
+  std::string all =
+      get(server, "/").body + get(server, "/dev/records").body + get(server, "/dev/behaviour").body + get(server, "/dev/feed").body;
   EXPECT_EQ(server.stop(), "exited with 0");
   for (const std::string& line : server.lines()) all += line;
   all += server.errors();

@@ -112,6 +112,12 @@ std::optional<HttpAnswer> HttpsClient::read() {
   return answer;
 }
 
+bool HttpsClient::waitFor(std::string_view text) {
+  while (received_.find(text) == std::string::npos)
+    if (!readMore()) return false;
+  return true;
+}
+
 bool HttpsClient::isClosedByServer() { return received_.empty() && !readMore() && !timedOut_; }
 
 }  // namespace test

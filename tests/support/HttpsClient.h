@@ -35,6 +35,11 @@ class HttpsClient {
   bool send(std::string_view text);
   /// The next whole answer; absent when the server closed the connection before, or said nothing within the limit.
   std::optional<HttpAnswer> read();
+  /// Waits until this text has come, of an answer without an end; false when the server closed the connection before, or said
+  /// nothing within the limit.
+  bool waitFor(std::string_view text);
+  /// What has come and was not read as an answer.
+  const std::string& received() const { return received_; }
   /// Waits for the server to close the connection; false when bytes come instead, or nothing within the limit.
   bool isClosedByServer();
 

@@ -1,0 +1,306 @@
+// The live page's side of the development server: its files, the feed of what happened, the stream, and who may use them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "companions/KSVHawkAuth.h"
+#include "platform/Process.h"
+#include "platform/linux/OpenSSLDigest.h"
+#include "platform/linux/RapidJSONSerialization.h"
+#include "support/DevServer.h"
+#include "support/HttpsClient.h"
+
+namespace {
+
+using platform::Dictionary;
+using platform::Value;
+using test::DevServer;
+using test::HttpAnswer;
+using test::HttpsClient;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+const std::string kBatch = R"({"data":[{"event":"opened","eventData":{"sessionId":"s1"},"localTime":"2026-11-20T20:19:39.000Z"}]})";
+
+class DevServerPage : public ::testing::Test {
+ protected:
+  DevServerPage() { process_.digest = std::make_shared<platform::OpenSSLDigest>(); }
+
+  struct Signing {
+    std::string target = "/events";
+    std::string body = kBatch;
+    std::string nonce = nextNonce();
+    std::int64_t ahead = 0;
+    std::string key = DevServer::kSecret;
+  };
+  static std::string nextNonce() {
+    static int count = 0;
+    return "nonce" + std::to_string(++count);
+  }
+
+  /// A signed POST as a client sends it; of an upload the header alone is signed.
+  std::string signedPost(const Signing& signing) const {
+    KSVHawkAuth hawk;
+    hawk.setCredentials(
+        KSVHawkCredentials::initWithHawkIdWithKeyWithAlgorithm(DevServer::kAppId, signing.key, KSVCryptoAlgorithmSHA256));
+    hawk.setContentType("application/json");
+    hawk.setExt("device-1");
+    hawk.setMethod("POST");
+    hawk.setRequestUri(signing.target);
+    hawk.setHost("localhost");
+    hawk.setPort(server_.port());
+    hawk.setNonce(signing.nonce);
+    hawk.setTimestamp(platform::Date::dateWithTimeIntervalSince1970(static_cast<double>(std::time(nullptr) + signing.ahead)));
+    if (!signing.target.starts_with("/gifs")) hawk.setPayload(signing.body);
+    return "POST " + signing.target + " HTTP/1.1\r\nHost: " + server_.host() +
+           "\r\nAuthorization: " + hawk.requestHeader().value() +
+           "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(signing.body.size()) + "\r\n\r\n" +
+           signing.body;
+  }
+  HttpAnswer exchange(const std::string& text) const {
+    HttpsClient client(server_.port(), server_.authorityFile());
+    EXPECT_TRUE(client.send(text)) << client.fault();
+    return client.read().value_or(HttpAnswer());
+  }
+  HttpAnswer ask(const std::string& line, const std::string& fields = "", const std::string& body = "") const {
+    return exchange(line + " HTTP/1.1\r\nHost: " + server_.host() + "\r\n" + fields +
+                    (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body);
+  }
+  HttpAnswer get(const std::string& target, const std::string& fields = "") const { return ask("GET " + target, fields); }
+  static Dictionary parsed(const std::string& text) {
+    const auto value = platform::makeRapidJSONSerialization()->read(platform::Data(text));
+    EXPECT_TRUE(value && value->isObject()) << text;
+    return value && value->isObject() ? value->object() : Dictionary();
+  }
+  /// The feed's items, newest first.
+  std::vector<Dictionary> items() const {
+    std::vector<Dictionary> all;
+    const Dictionary page = parsed(get("/dev/feed").body);
+    for (const Value& item : page.find("items")->array()) all.push_back(item.object());
+    return all;
+  }
+  static std::string text(const Dictionary& object, const char* key) {
+    const auto value = object.objectForKey(key);
+    return value && value->isString() ? std::string(value->string().view()) : "";
+  }
+  std::vector<std::string> kinds() const {
+    std::vector<std::string> all;
+    for (const Dictionary& item : items()) all.push_back(text(item, "kind"));
+    return all;
+  }
+  /// What the newest request's step is told to be.
+  std::string told(const char* step) const {
+    const Dictionary newest = items().front();
+    const auto checks = newest.objectForKey("checks");
+    for (const Value& check : checks->array())
+      if (text(check.object(), "step") == step) return text(check.object(), "state") + ": " + text(check.object(), "say");
+    return "none";
+  }
+
+  platform::Process process_;
+  platform::Process::Scope scope_{process_};
+  DevServer server_;
+};
+
+// --- The page.
+
+TEST_F(DevServerPage, BrowserGetsThePageAndATerminalTheText) {
+  const HttpAnswer page = get("/", "Accept: text/html,application/xhtml+xml\r\n");
+  EXPECT_EQ(page.status, 200);
+  EXPECT_EQ(page.field("content-type"), "text/html; charset=utf-8");
+  EXPECT_THAT(page.body, HasSubstr("<title>Kestrova development server</title>"));
+  EXPECT_EQ(page.field("content-security-policy"),
+            "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; base-uri 'none'; "
+            "form-action 'none'; frame-ancestors 'none'; require-trusted-types-for 'script'");
+  EXPECT_EQ(page.field("x-content-type-options"), "nosniff");
+  EXPECT_EQ(page.field("cache-control"), "no-store");
+  EXPECT_EQ(get("/").field("content-type"), "text/plain; charset=utf-8");
+}
+
+TEST_F(DevServerPage, ItsFilesHaveTheirTypes) {
+  EXPECT_EQ(get("/dev/page/main.js").field("content-type"), "text/javascript; charset=utf-8");
+  EXPECT_EQ(get("/dev/page/style.css").field("content-type"), "text/css; charset=utf-8");
+  EXPECT_EQ(get("/dev/page/icon.svg").field("content-type"), "image/svg+xml");
+  EXPECT_EQ(get("/dev/page/../../etc/passwd").status, 404);
+  EXPECT_EQ(get("/dev/page/nothing.js").body, R"({"error":"Unknown path"})");
+}
+
+TEST_F(DevServerPage, NothingOfItComesFromElsewhere) {
+  for (const char* file : {"index.html", "style.css", "main.js", "store.js", "list.js", "details.js", "charts.js", "faults.js",
+                           "dom.js", "words.js"}) {
+    const HttpAnswer answer = get(std::string("/dev/page/") + file);
+    EXPECT_EQ(answer.status, 200) << file;
+    EXPECT_THAT(answer.body, Not(::testing::ContainsRegex("(src|href|url|import|fetch)[^\n]*https?://"))) << file;
+    EXPECT_THAT(answer.body, Not(HasSubstr("innerHTML"))) << file;
+  }
+}
+
+// --- The feed.
+
+TEST_F(DevServerPage, FeedIsPagedNewestFirst) {
+  EXPECT_THAT(items(), ::testing::IsEmpty());
+  EXPECT_EQ(exchange(signedPost({})).status, 200);
+  EXPECT_THAT(kinds(), ElementsAre("batch", "event"));
+  const Dictionary event = items().at(1);
+  EXPECT_EQ(text(event, "name"), "opened");
+  EXPECT_EQ(text(event, "session"), "s1");
+  EXPECT_EQ(text(event, "device"), "device-1");
+  EXPECT_EQ(text(event, "app"), DevServer::kAppId);
+  EXPECT_EQ(text(event, "time"), "2026-11-20T20:19:39.000Z");
+
+  const Dictionary newest = parsed(get("/dev/feed?limit=1").body);
+  EXPECT_EQ(newest.objectForKey("oldest"), Value(1));
+  EXPECT_EQ(newest.objectForKey("next"), Value(3));
+  EXPECT_EQ(newest.objectForKey("items")->count(), 1U);
+  const Dictionary older = parsed(get("/dev/feed?before=2").body);
+  EXPECT_EQ(older.objectForKey("items")->array()[0].objectForKey("n"), Value(1));
+  EXPECT_EQ(newest.objectForKey("run"), older.objectForKey("run"));
+  for (const char* query : {"limit=0", "limit=10001", "limit=x", "before=-1", "before="})
+    EXPECT_EQ(get(std::string("/dev/feed?") + query).body, R"({"error":"before must be a number, and limit one from 1 to 10000"})");
+}
+
+TEST_F(DevServerPage, EachRefusalIsExplained) {
+  exchange(signedPost({.key = "another secret"}));
+  EXPECT_THAT(told("signature"), HasSubstr("wrong: The MAC does not fit the text"));
+  const auto checks = items().front().objectForKey("checks");
+  EXPECT_THAT(text(checks->array()[2].object(), "text"),
+              HasSubstr("\nPOST\n/events\nlocalhost\n" + std::to_string(server_.port())));
+
+  std::string changed = signedPost({});
+  changed.replace(changed.find("opened"), 6, "closed");
+  exchange(changed);
+  EXPECT_EQ(told("payload"), "wrong: The hash does not fit the body: " + std::to_string(kBatch.size()) +
+                                 " bytes, sent as \"application/json\". Either differs from what was signed.");
+
+  const std::string twice = signedPost({});
+  exchange(twice);
+  EXPECT_EQ(told("nonce"), "right: The nonce is new.");
+  const auto number = items().front().objectForKey("n");
+  exchange(twice);
+  EXPECT_THAT(told("nonce"),
+              HasSubstr("wrong: The nonce was used before: number " + std::to_string(number->integerValue()) + ", at "));
+
+  exchange(signedPost({.ahead = -3600}));
+  EXPECT_THAT(told("clock"), ::testing::MatchesRegex("wrong: The signature's time is 360[0-9]\\.[0-9] s behind the server; "
+                                                     "60 s to either side are allowed\\."));
+  exchange("POST /events HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_EQ(told("header"), "wrong: The Authorization header cannot be used: No Authorization header.");
+}
+
+TEST_F(DevServerPage, NeitherSecretNorMacIsInTheFeed) {
+  const std::string good = signedPost({});
+  const std::string bad = signedPost({.key = "another secret"});
+  exchange(good);
+  exchange(bad);
+  const std::string feed = get("/dev/feed").body;
+  EXPECT_THAT(feed, Not(HasSubstr(DevServer::kSecret)));
+  for (const std::string& request : {good, bad}) {
+    const auto mac = request.find("mac=\"") + 5;
+    EXPECT_THAT(feed, Not(HasSubstr(request.substr(mac, request.find('"', mac) - mac))));
+  }
+}
+
+TEST_F(DevServerPage, RetryAndClockCorrectionAreTold) {
+  ASSERT_EQ(server_.misbehave(R"({"status": 500})"), "");
+  exchange(signedPost({}));
+  exchange(signedPost({}));
+  EXPECT_THAT(kinds(), ElementsAre("batch", "batch", "event", "behaviour"));
+  EXPECT_EQ(items().at(0).objectForKey("again"), Value(3));
+  EXPECT_EQ(items().at(1).objectForKey("misbehaviour"), Value("status"));
+  EXPECT_EQ(items().at(1).objectForKey("behaviour")->objectForKey("status"), Value());
+
+  ASSERT_EQ(server_.misbehave(R"({"clock-offset": 3600})"), "");
+  exchange(signedPost({.body = R"({"data":[]})"}));
+  exchange(signedPost({.body = R"({"data":[]})", .ahead = 3600}));
+  EXPECT_THAT(kinds(), ElementsAre("batch", "clock", "batch", "behaviour", "batch", "batch", "event", "behaviour"));
+  EXPECT_NEAR(static_cast<double>(items().at(1).objectForKey("seconds")->integerValue()), 3600, 5);
+}
+
+TEST_F(DevServerPage, GifsAreShownByTheirNames) {
+  const std::string gif = "GIF89a;";
+  EXPECT_EQ(exchange(signedPost({.target = "/gifs?shareId=abc", .body = gif})).status, 200);
+  EXPECT_EQ(text(items().front(), "kind"), "upload");
+  EXPECT_EQ(text(items().front(), "file"), "000001.gif");
+  const HttpAnswer shown = get("/dev/gif?file=000001.gif");
+  EXPECT_EQ(shown.body, gif);
+  EXPECT_EQ(shown.field("content-type"), "image/gif");
+  EXPECT_EQ(shown.field("x-content-type-options"), "nosniff");
+  for (const char* name : {"000002.gif", "../000001.gif", "%2e%2e/secret", "", "1.gif"})
+    EXPECT_EQ(get(std::string("/dev/gif?file=") + name).body, R"({"error":"There is no such GIF"})") << name;
+}
+
+// --- The stream.
+
+TEST_F(DevServerPage, StreamTellsWhatIsThereAndWhatComes) {
+  exchange(signedPost({}));
+  HttpsClient stream(server_.port(), server_.authorityFile());
+  ASSERT_TRUE(stream.send("GET /dev/feed/live?after=1 HTTP/1.1\r\nHost: " + server_.host() + "\r\n\r\n"));
+  ASSERT_TRUE(stream.waitFor("event: hello\ndata: {"));
+  EXPECT_THAT(stream.received(), HasSubstr("Content-Type: text/event-stream\r\n"));
+  ASSERT_TRUE(stream.waitFor("\nid: 2\ndata: [{"));
+  EXPECT_THAT(stream.received(), Not(HasSubstr("\"n\":1,")));
+  ASSERT_EQ(server_.misbehave(R"({"drop": 1})"), "");
+  ASSERT_TRUE(stream.waitFor("\nid: 3\ndata: [{"));
+  EXPECT_THAT(stream.received(), HasSubstr(R"("kind":"behaviour","n":3})"));
+}
+
+TEST_F(DevServerPage, StreamGoesOnWhereItBrokeOff) {
+  exchange(signedPost({}));
+  HttpsClient stream(server_.port(), server_.authorityFile());
+  ASSERT_TRUE(stream.send("GET /dev/feed/live?after=0 HTTP/1.1\r\nHost: " + server_.host() + "\r\nLast-Event-ID: 1\r\n\r\n"));
+  ASSERT_TRUE(stream.waitFor("\nid: 2\ndata: [{"));
+  EXPECT_THAT(stream.received(), Not(HasSubstr(R"("kind":"event")")));
+  EXPECT_EQ(get("/dev/feed/live?after=x").body, R"({"error":"after must be a number"})");
+}
+
+TEST_F(DevServerPage, ServerStopsWhileAStreamIsOpen) {
+  HttpsClient stream(server_.port(), server_.authorityFile());
+  ASSERT_TRUE(stream.send("GET /dev/feed/live HTTP/1.1\r\nHost: " + server_.host() + "\r\n\r\n"));
+  ASSERT_TRUE(stream.waitFor("event: hello"));
+  EXPECT_EQ(server_.stop(), "exited with 0");
+}
+
+// --- Who may use it.
+
+TEST_F(DevServerPage, OrdersComeFromProgramsAndFromThePageItselfAlone) {
+  const std::string own = "Origin: https://" + server_.host() + "\r\n";
+  const std::string mark = "X-Kestrova-Page: 1\r\n";
+  const std::string order = R"({"drop": 0})";
+  const auto statusOf = [&](const std::string& fields) { return ask("POST /dev/behaviour", fields, order).status; };
+  EXPECT_EQ(statusOf(""), 200);
+  EXPECT_EQ(statusOf(own + mark), 200);
+  EXPECT_EQ(statusOf(own), 403);
+  EXPECT_EQ(statusOf("Origin: https://a.example\r\n" + mark), 403);
+  EXPECT_EQ(statusOf("Origin: http://localhost:3000\r\n" + mark), 403);
+  EXPECT_EQ(statusOf("Origin: null\r\n" + mark), 403);
+  EXPECT_EQ(ask("DELETE /dev/behaviour", "Origin: https://a.example\r\n").status, 403);
+  EXPECT_EQ(ask("POST /dev/behaviour", "Sec-Fetch-Site: cross-site\r\n", order).status, 403);
+}
+
+TEST_F(DevServerPage, PagesOfOthersCannotReadItButMayLinkToIt) {
+  for (const char* target :
+       {"/dev/feed", "/dev/feed/live?after=x", "/dev/page/main.js", "/dev/records", "/dev/gif?file=000001.gif"})
+    for (const char* site : {"cross-site", "same-site"})
+      EXPECT_EQ(get(target, std::string("Sec-Fetch-Site: ") + site + "\r\n").status, 403) << target << " " << site;
+  EXPECT_EQ(get("/dev/page/main.js", "Origin: https://" + server_.host() + "\r\n").status, 200);  // as browsers ask for modules
+  EXPECT_EQ(get("/dev/feed", "Sec-Fetch-Site: same-origin\r\n").status, 200);
+  EXPECT_EQ(get("/dev/feed", "Sec-Fetch-Site: none\r\n").status, 200);
+  EXPECT_EQ(get("/", "Accept: text/html\r\nSec-Fetch-Site: cross-site\r\n").status, 200);
+}
+
+TEST_F(DevServerPage, WhatThePageReadsIsNotInTheLog) {
+  get("/dev/feed");
+  get("/dev/page/main.js");
+  get("/dev/page/nothing.js");
+  ASSERT_TRUE(server_.waitForLine("404 GET /dev/page/nothing.js"));
+  EXPECT_THAT(server_.lines(), Not(::testing::Contains(HasSubstr("GET /dev/feed"))));
+  EXPECT_THAT(server_.lines(), Not(::testing::Contains(HasSubstr("main.js"))));
+}
+
+}  // namespace
