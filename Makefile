@@ -14,11 +14,12 @@ TARGET ?=
 SEEDS ?= 4000
 FIRST ?= 1
 
-.PHONY: help deps build package test demo bench check check-all asan tsan clang tidy fuzz simulate coverage format clean deps-build deps-test deps-checks
+.PHONY: help deps build package test demo bench check check-all asan tsan clang tidy fuzz simulate screenshots coverage format clean \
+  deps-build deps-test deps-checks
 
 help: ## list the targets
 	@echo "Targets:"
-	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' $(firstword $(MAKEFILE_LIST))
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-11s %s\n", $$1, $$2 }' $(firstword $(MAKEFILE_LIST))
 
 build: deps-build ## make the release programs, in build/bin/
 	@cmake --preset release
@@ -74,6 +75,11 @@ simulate: deps-test ## run the simulation: make simulate SEEDS=100000 FIRST=4001
 	@seq 0 $$(( $(JOBS) - 1 )) | xargs -P $(JOBS) -I PART bash -c 'part=$$(( ($(SEEDS) + $(JOBS) - 1) / $(JOBS) )); \
 	  build/dev/bin/kestrova-simulate --figures --first $$(( $(FIRST) + PART * part )) --seeds $$part'
 
+screenshots: deps-test ## make pictures of the live page's main states, in build/screenshots/
+	@cmake --preset dev
+	@cmake --build --preset dev -j $(JOBS) --target kestrova kestrova-devserver kestrova-transferd
+	@KESTROVA_BIN_DIR=build/dev/bin node tests/browser/screenshots.mjs build/screenshots
+
 coverage: deps-test deps-checks ## run the tests and report which lines they reach
 	@find build/coverage -name '*.gcda' -delete 2>/dev/null || true
 	@$(call run-tests,coverage)
@@ -91,7 +97,7 @@ deps-build:
 	@tools/install-packages build
 
 deps-test:
-	@tools/install-packages build node
+	@tools/install-packages build node browser
 	@tools/install-npm
 
 deps-checks:

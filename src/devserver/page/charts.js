@@ -137,6 +137,14 @@ function sessionsOf(store) {
   return sessions;
 }
 
+const WEIGHT = { '': 0, again: 1, odd: 2 };
+
+/** How an event is marked: taken at once, at a later attempt, or not. */
+function markOf(fate) {
+  if (!fate?.taken) return 'odd';
+  return fate.attempts > 1 ? 'again' : '';
+}
+
 const isOdd = (store, event) => !store.fates.get(event.n)?.taken;
 
 /** Where a session has marks: places on its lane, each once, however many events are there. */
@@ -144,8 +152,8 @@ function marksOf(store, session, scale) {
   const marks = new Map();
   for (const event of session.events) {
     const bin = Math.min(LANE_BINS - 1, Math.floor((scale(timeOf(event)) / WIDTH) * LANE_BINS));
-    if (isOdd(store, event)) marks.set(bin, 'odd');
-    else if (!marks.has(bin)) marks.set(bin, '');
+    const state = markOf(store.fates.get(event.n));
+    if (!marks.has(bin) || WEIGHT[state] > WEIGHT[marks.get(bin)]) marks.set(bin, state);
   }
   return marks;
 }

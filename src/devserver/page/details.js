@@ -49,10 +49,10 @@ export class Details {
     const [bold] = summaryOf(item);
     const title = make('div', { className: 'title' }, make('h2', {}, bold),
       badge ? make('span', { className: `badge ${badge[0]}` }, badge[1]) : null);
-    const parts = [make('p', { className: 'quiet' }, `${kindOf(item)} ${item.n}`), title, this.facts(item), this.links(item)];
+    const request = this.store.carrierOf(item);
+    const parts = [make('p', { className: 'quiet' }, `${kindOf(item)} ${item.n}`), title, this.reason(request), this.facts(item), this.links(item)];
     if (item.file) parts.push(this.gif(item));
     parts.push(...this.data(item, 'data', item.kind === 'event' ? 'Data' : 'Body'), ...this.data(item, 'patched', 'The session start is now'));
-    const request = this.store.carrierOf(item);
     if (request?.checks?.length) parts.push(...this.checks(request, item));
     return parts.filter(Boolean);
   }
@@ -128,9 +128,16 @@ export class Details {
     return [make('h3', {}, heading), make('pre', { tabIndex: 0, 'aria-label': heading }, JSON.stringify(item[name], null, 2))];
   }
 
+  /** What went wrong stands first. */
+  reason(request) {
+    const wrong = request?.checks?.find((check) => check.state === 'wrong');
+    return wrong ? make('ul', { className: 'checks reason', 'aria-label': 'Why it was refused' }, this.check(wrong)) : null;
+  }
+
+  /** All other steps. */
   checks(request, item) {
     const list = make('ol', { className: 'checks' });
-    for (const check of request.checks) list.append(this.check(check));
+    for (const check of request.checks) if (check.state !== 'wrong') list.append(this.check(check));
     const heading = item === request ? 'Signature' : `Signature of the batch ${request.n} that brought it last`;
     return [make('h3', {}, heading), list];
   }

@@ -43,5 +43,5 @@ export function signed(number) {
   return `${number < 0 ? '−' : '+'}${Math.abs(number).toFixed(1)} s`;
 }
 
-/** The first letters of a long name. */
-export const short = (name) => (name.length > 10 ? `${name.slice(0, 8)}…` : name);
+/** A long name by its ends, which tell it from others. */
+export const short = (name) => (name.length > 10 ? `${name.slice(0, 4)}…${name.slice(-4)}` : name);

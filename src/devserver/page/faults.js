@@ -24,6 +24,7 @@ export class Faults {
   show(state) {
     const text = behaviourText(state);
     byId('misbehaviour').textContent = text;
+    byId('misbehaviour').title = text;
     byId('misbehaving').hidden = !text;
     for (const button of this.buttons) button.setAttribute('aria-pressed', String(FAULTS[button.dataset.fault].isOn(state)));
   }

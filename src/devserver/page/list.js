@@ -113,9 +113,11 @@ export class List {
     const row = make('div', { className: `row${kind}${fresh}`, id: `row-${item.n}`, role: 'option' },
       make('span', { className: 'time' }, timeOfDay(item.at)),
       make('span', { className: 'kind' }, kindOf(item)),
-      make('span', { className: 'what' }, make('b', {}, bold), make('span', {}, beside.slice(0, 300))),
-      make('span', { className: 'who', title: item.session ?? item.device ?? '' }, short(item.session || item.device || '')),
-      badge ? make('span', { className: `badge ${badge[0]}`, title: badge[1] }, badge[1]) : make('span'));
+      make('span', { className: badge ? 'what' : 'what wide' }, make('b', {}, bold), make('span', {}, beside.slice(0, 300))));
+    if (badge) {
+      const who = item.session || item.device || '';
+      row.append(make('span', { className: 'who', title: who }, short(who)), make('span', { className: `badge ${badge[0]}`, title: badge[1] }, badge[1]));
+    }
     row.dataset.number = item.n;
     row.dataset.look = look;
     return row;

@@ -7,11 +7,6 @@ const KINDS = {
 };
 export const kindOf = (item) => KINDS[item.kind] ?? item.kind;
 
-const PURPOSE = {
-  drop: 'left unanswered on purpose', status: 'answered with a status on purpose', answer: 'given another answer on purpose',
-  stale: 'challenged on purpose',
-};
-
 /** The summary of an item in a line: what is told in bold, and what beside it. */
 export function summaryOf(item) {
   switch (item.kind) {
@@ -47,7 +42,7 @@ function notesOf(item) {
   if (item.bytes) notes.push(bytes(item.bytes));
   if (item.attempt) notes.push(`attempt ${item.attempt}, after ${item.again}`);
   if (item.back) notes.push(`${item.back} written back before`);
-  if (item.misbehaviour) notes.push(PURPOSE[item.misbehaviour] ?? item.misbehaviour);
+  if (item.misbehaviour) notes.push('on purpose');
   return notes.join(' · ');
 }
 
