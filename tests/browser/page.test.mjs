@@ -184,6 +184,19 @@ pageTest('a server that is away keeps a client waiting until it is back', async 
   await row(page, 'unheard').locator('.badge.taken').waitFor();
 });
 
+pageTest('what a client wrote back comes in a later batch, and is told so', async (page, server) => {
+  await page.click('[data-fault="away"]');
+  await page.waitForSelector('[data-fault="away"][aria-pressed="true"]');
+  assert.equal((await server.client(['event', 'kept'])).status, 3);
+  await page.click('#heal');
+  await page.waitForSelector('#misbehaving', { state: 'hidden' });
+  assert.equal((await server.client(['event', 'next'])).status, 0);
+  await row(page, '1 written back before').click();
+  assert.match(await textOf(page, '#details'), /1 event came before in batches that were not taken/);
+  await row(page, 'kept').locator('.badge.taken').waitFor();
+  await page.locator('.sessions .mark.again').first().waitFor();
+});
+
 pageTest('a stale clock makes the client correct its own', async (page, server) => {
   assert.equal((await server.client(['event', 'before'])).status, 0);
   await page.click('[data-fault="clock"]');
