@@ -82,7 +82,7 @@ TEST_F(StoryTest, BatchIsItsEventsAndThenItself) {
                                             {"verdict", "ok"},
                                             {"taken", true},
                                             {"records", 2},
-                                            {"events", Array{Array{1, 2}}},
+                                            {"events", readJson("[[1,2]]").value()},
                                             {"checks", Array()}}));
 }
 
