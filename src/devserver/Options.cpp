@@ -20,7 +20,8 @@ namespace {
 
 constexpr const char* kDescription =
     "kestrova-devserver: the API on this machine, over HTTPS with a certificate authority of its own, for development and tests.\n"
-    "It verifies every signature, keeps what it receives, and misbehaves on request.";
+    "It verifies every signature, keeps what it receives, and misbehaves on request. A browser at its address shows live what "
+    "arrives.";
 
 constexpr const char* kFooter =
     R"(Misbehaviour can also be changed while the server runs: POST an object of the same names to /dev/behaviour.

@@ -59,6 +59,7 @@ std::expected<void, std::string> announce(const devserver::Options& options, con
     if (auto written = devserver::replaceFile(*options.readyFile, ready + "\n"); !written) return written;
   if (certificates.madeAuthority) devserver::printLine("a new certificate authority was made");
   devserver::printLine("trust it with SSL_CERT_FILE=" + certificates.authority.string());
+  devserver::printLine("live page " + url + "/");
   devserver::printLine("journal " + options.journal.string());
   devserver::printLine("ready " + ready);
   return {};
