@@ -66,9 +66,19 @@ export class Server {
 
   async end() {
     const status = await this.stop();
-    await this.command(['kestrova-transferd', '--stop']).catch(() => undefined);
+    await this.endTransfers();
     fs.rmSync(this.folder, { recursive: true, force: true });
     return status;
+  }
+
+  /** The transfer service that an upload has started ends before its folder goes. */
+  async endTransfers() {
+    if (!fs.existsSync(this.file('transfers'))) return;
+    const processOf = async () => Number(/process (\d+)/.exec((await this.command(['kestrova-transferd', '--status'])).output)?.[1] ?? 0);
+    const service = await processOf();
+    if (service) process.kill(service, 'SIGTERM');
+    const limit = Date.now() + LIMIT;
+    while (await processOf()) if (Date.now() > limit) throw new Error('the transfer service does not end');
   }
 
   /** Runs the kestrova command to its end: its status, what it wrote, and its report. */
