@@ -204,7 +204,10 @@ pageTest('a stale clock makes the client correct its own', async (page, server) 
   const sent = await server.client(['event', 'corrected']);
   assert.equal(sent.status, 0, sent.output);
   await row(page, 'Stale timestamp').first().waitFor();
-  await row(page, /Clock corrected by \+3(600|599|601)\.\d s/).waitFor();
+  // The way of a request to a busy server takes its time, and the clock is told in whole seconds.
+  const correction = await row(page, 'Clock corrected by').locator('b').textContent();
+  const seconds = Number(/^Clock corrected by \+(\d+\.\d) s$/.exec(correction)?.[1]);
+  assert.ok(Math.abs(seconds - 3600) < LIMIT / 1000, correction);
   await row(page, 'corrected').locator('.badge.taken').first().waitFor();
 });
 
