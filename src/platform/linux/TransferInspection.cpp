@@ -120,7 +120,7 @@ std::expected<void, Error> TransferInspection::greet() {
   if (!identity) return failure(identity.error());
   transfer::Hello hello;
   hello.application = *std::move(identity);
-  hello.launchCommand = options_.launchCommand;
+  hello.leavesLaunchCommand = true;
   if (auto sent = send(hello); !sent) return sent;
   const auto answer = receive(steady_clock::now() + kPatience);
   if (!answer) return std::unexpected(answer.error());

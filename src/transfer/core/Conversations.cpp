@@ -70,7 +70,7 @@ void Service::Implementation::answer(ConnectionId connection, const Hello& hello
                                   std::to_string(hello.version));
   }
   if (const std::optional<std::string> refusal = refusalOf(hello.application)) return refuse(connection, *refusal);
-  Application* const application = applicationFor(hello.application, hello.launchCommand);
+  Application* const application = applicationFor(hello.application, hello.leavesLaunchCommand ? nullptr : &hello.launchCommand);
   if (!application) return turnAway(connection);  // the store can take a newcomer when the disk has room again
   connections_.at(connection).application = application->stored.id;
   ++application->openConnections;

@@ -162,7 +162,7 @@ class Service::Implementation {
   bool setAside(const std::string& name, std::string_view reason);
   bool leaveSpool(Task& task);
   std::optional<std::string> refusalOf(const SpoolEntry& entry) const;
-  Application* applicationFor(const ApplicationIdentity& identity, const std::vector<std::string>& launchCommand);
+  Application* applicationFor(const ApplicationIdentity& identity, const std::vector<std::string>* launchCommand);
   const Application* knownApplication(const ApplicationIdentity& identity) const;
   std::optional<std::string> refusalOf(const ApplicationIdentity& identity) const;
   bool isInUse(ApplicationId application) const;

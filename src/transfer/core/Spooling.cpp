@@ -57,7 +57,7 @@ std::optional<std::string> Service::Implementation::refusalOf(const SpoolEntry& 
 }
 
 bool Service::Implementation::addTask(const std::string& name, const SpoolEntry& entry) {
-  const Application* const application = applicationFor(entry.application, entry.launchCommand);
+  const Application* const application = applicationFor(entry.application, &entry.launchCommand);
   if (!application || storeWaits()) return false;
   TaskStatus status;
   status.identifier = entry.task;
@@ -110,23 +110,25 @@ std::optional<std::string> Service::Implementation::refusalOf(const ApplicationI
   return "the application “" + identity.identifier + "” in “" + identity.folder + "” is known with another token";
 }
 
-/// Null when the store does not take it now. The identity is one that is not refused.
+/// Null when the store does not take it now. The identity is one that is not refused; without a command the known one stays.
 Service::Implementation::Application* Service::Implementation::applicationFor(const ApplicationIdentity& identity,
-                                                                              const std::vector<std::string>& launchCommand) {
+                                                                              const std::vector<std::string>* launchCommand) {
   const Application* const known = knownApplication(identity);
   if (known && known->stored.identity == identity) {
     Application& application = applications_.at(known->stored.id);
-    if (application.stored.launchCommand != launchCommand || application.commandToSave) application.commandToSave = launchCommand;
+    if (launchCommand && (application.stored.launchCommand != *launchCommand || application.commandToSave))
+      application.commandToSave = *launchCommand;
     saveApplications();
     return &application;
   }
   if (storeWaits()) return nullptr;
-  const Store::Result<ApplicationId> id = store_.saveApplication(identity, launchCommand);
+  const std::vector<std::string> command = launchCommand ? *launchCommand : std::vector<std::string>();
+  const Store::Result<ApplicationId> id = store_.saveApplication(identity, command);
   if (!isStored(id)) return nullptr;
   Application& application = applications_[*id];
   application.stored.id = *id;
   application.stored.identity = identity;
-  application.stored.launchCommand = launchCommand;
+  application.stored.launchCommand = command;
   return &application;
 }
 

@@ -39,10 +39,10 @@ Value tasksValue(const std::vector<TaskStatus>& tasks) {
 }
 
 Dictionary objectFor(const Hello& hello) {
-  return {{"is", "hello"},
-          {"version", Value(hello.version)},
-          {"application", detail::applicationValue(hello.application)},
-          {"launchCommand", detail::textsValue(hello.launchCommand)}};
+  Dictionary object{
+      {"is", "hello"}, {"version", Value(hello.version)}, {"application", detail::applicationValue(hello.application)}};
+  if (!hello.leavesLaunchCommand) object.setObjectForKey(detail::textsValue(hello.launchCommand), "launchCommand");
+  return object;
 }
 Dictionary objectFor(const Hold& hold) {
   return {{"is", "hold"}, {"session", textValue(hold.session)}, {"wasLaunchedForIt", Value(hold.wasLaunchedForIt)}};
@@ -126,7 +126,12 @@ struct MessageKind {
 constexpr std::array<MessageKind, std::variant_size_v<Message>> kMessages = {{
     {"hello",
      [](MemberReader& reader) -> Message {
-       return Hello{readVersion(reader), reader.application("application"), reader.command("launchCommand")};
+       Hello hello;
+       hello.version = readVersion(reader);
+       hello.application = reader.application("application");
+       hello.leavesLaunchCommand = !reader.has("launchCommand");
+       if (!hello.leavesLaunchCommand) hello.launchCommand = reader.command("launchCommand");
+       return hello;
      }},
     {"hold", [](MemberReader& reader) -> Message { return Hold{readSession(reader), reader.boolean("wasLaunchedForIt")}; }},
     {"getTasks", [](MemberReader& reader) -> Message { return GetTasks{reader.whole("request"), readSession(reader)}; }},

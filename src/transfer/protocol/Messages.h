@@ -53,6 +53,8 @@ struct Hello {
   ApplicationIdentity application;
   /// The command that launches the application for its events, an absolute path first; empty when the application has none.
   std::vector<std::string> launchCommand;
+  /// Who only looks has no command to tell: the one that the service has stays. Left out of the message is what says so.
+  bool leavesLaunchCommand = false;
 };
 /// This process has made the session. The service answers with SessionTasks and hands over the session's events from now on.
 struct Hold {

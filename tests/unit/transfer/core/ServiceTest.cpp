@@ -297,6 +297,20 @@ TEST_F(ServiceTest, anApplicationOfWhichNothingIsKeptMayComeWithANewToken) {
   EXPECT_EQ(store_.contents().applications.at(0).identity.token, anew.application.token);
 }
 
+TEST_F(ServiceTest, whoOnlyLooksLeavesTheCommandThatLaunchesTheApplication) {
+  start();
+  disconnect(connect());
+  const auto command = store_.contents().applications.at(0).launchCommand;
+  ASSERT_FALSE(command.empty());
+  service_->connectionOpened(78);
+  transfer::Hello looking{.application = test::applicationNamed("app"), .launchCommand = {}};
+  looking.leavesLaunchCommand = true;
+  say(78, looking);
+  EXPECT_EQ(take(78), "welcome");
+  service_->tick();
+  EXPECT_EQ(store_.contents().applications.at(0).launchCommand, command);
+}
+
 TEST_F(ServiceTest, entriesThatAreNoTasksAreSetAside) {
   start();
   put(test::entryFor("one"));

@@ -177,6 +177,16 @@ TEST_F(Protocol, everyMemberOfATaskIsChecked) {
   EXPECT_EQ(changed("\"tries\":1", "\"attempts\":1"), "taskEvent: “tries” is missing");
 }
 
+TEST_F(Protocol, aHelloMayLeaveItsLaunchCommandOut) {
+  transfer::Hello looking{.application = test::applicationNamed("app"), .launchCommand = {}};
+  looking.leavesLaunchCommand = true;
+  const std::string line = encode(looking);
+  EXPECT_EQ(line.find("launchCommand"), std::string::npos);
+  const auto read = decode(line);
+  ASSERT_TRUE(read) << read.error();
+  EXPECT_TRUE(std::get<transfer::Hello>(*read).leavesLaunchCommand);
+}
+
 TEST_F(Protocol, everyMemberOfAnApplicationIsChecked) {
   const std::string line = encode(everyMessage().front());
   const auto changed = [&](const std::string& from, const std::string& to) {
