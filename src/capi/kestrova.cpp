@@ -131,8 +131,19 @@ kestrova_status checkedPath(const char* path, bool mayBeAbsent) {
   return *path == '/' ? KESTROVA_OK : KESTROVA_ERROR_BAD_PATH;
 }
 
+/// An absolute path, or none, that the transfer service is told of, in JSON.
+kestrova_status checkedToldPath(const char* path) {
+  const kestrova_status status = checkedPath(path, true);
+  return status == KESTROVA_OK && path ? checkedText(path) : status;
+}
+
 /// Null, or an absolute path and what follows it.
-kestrova_status checkedCommand(const char* const* command) { return command ? checkedPath(*command, false) : KESTROVA_OK; }
+kestrova_status checkedCommand(const char* const* command) {
+  if (!command) return KESTROVA_OK;
+  kestrova_status status = checkedPath(*command, false);
+  for (const char* const* word = command; status == KESTROVA_OK && *word; ++word) status = checkedText(*word);
+  return status;
+}
 
 kestrova_status firstFault(std::initializer_list<kestrova_status> statuses) {
   for (const kestrova_status status : statuses)
@@ -141,6 +152,7 @@ kestrova_status firstFault(std::initializer_list<kestrova_status> statuses) {
 }
 
 bool isHost(std::string_view text) {
+  if (text.find_first_of("/?#@") != std::string_view::npos) return false;
   const auto url = platform::URL::URLWithString("https://" + std::string(text));
   return url && url->host() && !url->host()->empty() && url->path().empty() && !url->query();
 }
@@ -149,7 +161,7 @@ kestrova_status checkedOptions(const kestrova_options& options) {
   const kestrova_status fault =
       firstFault({checkedOption(options.app_id, false), checkedOption(options.secret, false),
                   checkedOption(options.api_host, false), checkedOption(options.api_version, true),
-                  checkedPath(options.home_directory, true), checkedPath(options.transfer_directory, true),
+                  checkedToldPath(options.home_directory), checkedPath(options.transfer_directory, true),
                   checkedPath(options.transfer_service_path, true), checkedCommand(options.launch_command)});
   if (fault != KESTROVA_OK) return fault;
   const bool isFine = isHost(options.api_host) && std::isfinite(options.request_timeout) && options.request_timeout >= 0;
@@ -369,6 +381,8 @@ kestrova_status kestrova_handle_launch(kestrova_client* client, kestrova_done_ca
 
 kestrova_status kestrova_feature_enabled(kestrova_client* client, int feature, int* enabled) {
   if (!client || !enabled) return KESTROVA_ERROR_NULL_ARGUMENT;
+  constexpr int kFeatures = 64;
+  if (feature < 0 || feature >= kFeatures) return KESTROVA_ERROR_BAD_OPTIONS;
   return capi::guarded([&] {
     *enabled = KSVFeatureControl::sharedFeatureControl()->isFeatureEnabled(feature) ? 1 : 0;
     return KESTROVA_OK;

@@ -2,15 +2,18 @@
 #include "cli/Doctor.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <future>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -26,6 +29,7 @@
 #include "platform/URLSession.h"
 #include "platform/UserDefaults.h"
 #include "platform/linux/TransferInspection.h"
+#include "platform/linux/TransferServiceProcess.h"
 
 namespace cli {
 namespace {
@@ -151,7 +155,7 @@ Finding clock(const std::optional<double>& difference) {
   const std::int64_t correction =
       platform::UserDefaults::standardUserDefaults().integerForKey(*Kestrova::defaultConstants().hawkLocalTimeSkew);
   const std::string corrected = fmt::format("the stored correction is {} s", correction);
-  if (!difference) return {State::kWell, "clock", corrected + "; the server told no time to compare with", ""};
+  if (!difference) return {State::kNotice, "clock", corrected + "; no server told a time to compare with", ""};
   const double off = *difference - static_cast<double>(correction);
   if (std::abs(off) <= kClockTolerance) return {State::kWell, "clock", corrected + ", and agrees with the server's", ""};
   return {State::kNotice, "clock", fmt::format("{}, and is {:.0f} s away from the server's", corrected, std::abs(off)),
@@ -173,7 +177,21 @@ void addServer(const Options& options, std::vector<Finding>& findings) {
   findings.push_back(clock(clockDifference(answer.response)));
 }
 
+/// As posix_spawnp finds it: a path, or a name in one of PATH's folders.
+bool canBeStarted(const std::string& program) {
+  if (program.find('/') != std::string::npos) return ::access(program.c_str(), X_OK) == 0;
+  const char* path = std::getenv("PATH");
+  std::istringstream folders(path ? path : "");
+  for (std::string folder; std::getline(folders, folder, ':');)
+    if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
+  return false;
+}
+
 Finding uploads(const Options& options) {
+  const std::string program = platform::TransferServiceProcess(systemOptionsOf(options), std::nullopt).program();
+  if (!canBeStarted(program))
+    return {State::kNotice, "uploads", "there is no transfer service: " + program + " cannot be started, so uploads would wait",
+            "put kestrova-transferd beside the program or on PATH, or name it in KESTROVA_TRANSFERD"};
   const auto asked = platform::TransferInspection(systemOptionsOf(options)).sessions();
   if (!asked)
     return {State::kIll, "uploads", "the transfer service is not reached: " + asked.error().localizedDescription(),

@@ -23,13 +23,25 @@
 namespace cli {
 namespace {
 
-void printTraceLine(pid_t process, std::string_view line, bool json) {
+/// The line for a terminal: a trace holds texts of servers, which must not steer it or forge a line.
+std::string withoutControls(std::string_view line) {
+  std::string shown;
+  for (const char c : line) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool isControl = byte < 0x20 || byte == 0x7F;
+    shown += isControl ? fmt::format("\\x{:02x}", byte) : std::string(1, c);
+  }
+  return shown;
+}
+
+/// False when nobody reads standard output any more.
+bool printTraceLine(pid_t process, std::string_view line, bool json) {
   const std::string time = KSVUtils::getIso8601(platform::Date::date());
   if (json)
     printJSON({{"time", time}, {"process", static_cast<std::int64_t>(process)}, {"line", std::string(line)}});
   else
-    printLine(fmt::format("{} [{}] {}", time, process, line));
-  (void)std::fflush(stdout);
+    printLine(fmt::format("{} [{}] {}", time, process, withoutControls(line)));
+  return std::fflush(stdout) == 0;
 }
 
 }  // namespace
@@ -47,10 +59,13 @@ int runTail(const Options& options) {
                                                         : listener.error().localizedDescription()));
     return kFailed;
   }
-  signals.onStop([stop] { (void)stop->writeAll(std::string_view("\1\0\0\0\0\0\0\0", sizeof(std::uint64_t))); });
+  const auto end = [stop] { (void)stop->writeAll(std::string_view("\1\0\0\0\0\0\0\0", sizeof(std::uint64_t))); };
+  signals.onStop(end);
   printError("following " + listener->path() + "; lines come while the application runs with its debug flag on");
-  const int error =
-      listener->follow([&](pid_t process, std::string_view line) { printTraceLine(process, line, options.json); }, stop->get());
+  const auto show = [&](pid_t process, std::string_view line) {
+    if (!printTraceLine(process, line, options.json)) end();
+  };
+  const int error = listener->follow(show, stop->get());
   if (error == 0) return kDelivered;
   printError("cannot follow the trace any more: " + platform::systemErrorText(error));
   return kFailed;

@@ -46,9 +46,10 @@ TEST_F(Doctor, FindsAllWellBesideAServerThatAnswers) {
   const DevServer server;
   const Run done = examine(&server);
   EXPECT_EQ(done.end, "exited with 0") << done.output << done.errors;
-  for (const char* subject : {"application", "secret", "folder", "queue", "server", "clock", "uploads"})
+  for (const char* subject : {"application", "secret", "folder", "queue", "server", "uploads"})
     EXPECT_EQ(text(done, subject, "state"), "well") << subject << ": " << text(done, subject, "what");
   EXPECT_EQ(text(done, "last run", "state"), "nothing on last run");
+  EXPECT_EQ(text(done, "clock", "what"), "the stored correction is 0 s; no server told a time to compare with");
   EXPECT_EQ(text(done, "queue", "what"), "is empty: nothing waits");
   EXPECT_EQ(text(done, "server", "what"), server.host() + " answers, and its certificate is trusted");
   EXPECT_THAT(done.output + done.errors, Not(HasSubstr(DevServer::kSecret)));
@@ -116,6 +117,14 @@ TEST_F(Doctor, WhatIsNotGivenIsNamed) {
   EXPECT_EQ(text(done, "application", "state"), "notice");
   EXPECT_EQ(text(done, "secret", "state"), "ill");
   EXPECT_EQ(text(done, "server", "what"), "is not named");
+}
+
+TEST_F(Doctor, AMissingTransferServiceIsANotice) {
+  const DevServer server;
+  const Run done = examine(&server, {{"KESTROVA_TRANSFERD", home.path() + "/nothing"}});
+  EXPECT_EQ(done.end, "exited with 0");
+  EXPECT_EQ(text(done, "uploads", "what"),
+            "there is no transfer service: " + home.path() + "/nothing cannot be started, so uploads would wait");
 }
 
 TEST_F(Doctor, DamagedLinesAreANoticeAndStayAsTheyAre) {

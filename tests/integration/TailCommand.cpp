@@ -9,6 +9,7 @@
 #include "platform/linux/RapidJSONSerialization.h"
 #include "support/CommandTest.h"
 #include "support/DevServer.h"
+#include "support/Event.h"
 #include "support/Program.h"
 
 namespace test {
@@ -43,6 +44,31 @@ TEST_F(Tail, GivesEachLineAsAnObject) {
   EXPECT_TRUE(line->objectForKey("line"));
   EXPECT_GT(line->objectForKey("process")->integerValue(), 0);
   EXPECT_THAT(line->objectForKey("time")->description(), StartsWith("20"));
+}
+
+TEST_F(Tail, EndsWhenNobodyReadsItAnyMoreAndLetsTheNextOneIn) {
+  Program tail("/bin/sh", {"-c", "\"$0\" tail | head -n 1", binary("kestrova")}, variables(nullptr));
+  ASSERT_TRUE(tail.waitForLine(kFollowing));
+  EXPECT_TRUE(becomes([&] {
+    (void)run({"event", "opened"});
+    Program next(binary("kestrova"), {"tail"}, variables(nullptr));
+    const bool isIn = next.waitForLine(kFollowing);
+    next.signal(SIGTERM);
+    return next.waitForEnd() == "exited with 0" && isIn;
+  }));
+  EXPECT_EQ(tail.waitForEnd(), "exited with 0");
+}
+
+TEST_F(Tail, WhatWouldSteerATerminalIsShownAsText) {
+  const DevServer server;
+  ASSERT_EQ(server.misbehave(R"({"directives": {"referralCode": "\u001b]0;x\u0007"}})"), "");
+  Program tail(binary("kestrova"), {"tail"}, variables(nullptr));
+  ASSERT_TRUE(tail.waitForLine(kFollowing));
+  ASSERT_EQ(run({"event", "opened"}, &server).end, "exited with 0");
+  ASSERT_TRUE(tail.waitForLine("\\x1b]0;x\\x07"));
+  tail.signal(SIGTERM);
+  EXPECT_EQ(tail.waitForEnd(), "exited with 0");
+  EXPECT_EQ(tail.output().find('\x1b'), std::string::npos);
 }
 
 TEST_F(Tail, TwoOnOneApplicationAreOneTooMany) {

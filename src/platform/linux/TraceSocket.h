@@ -1,7 +1,7 @@
 // The debug trace of a running application, passed on over a Unix socket in the application's own folder (unix(7)).
 //
-// The one who watches makes the socket, so an application that nobody watches makes one system call for each line and no file. Each
-// packet of the SOCK_SEQPACKET connection is a line. The folder is its user's alone, and so is the trace.
+// The one who watches makes the socket, so an application that nobody watches makes three system calls for each line and no file.
+// Each packet of the SOCK_SEQPACKET connection is a line. The folder is its user's alone, and so is the trace.
 #pragma once
 
 #include <sys/types.h>

@@ -130,7 +130,8 @@ TEST_F(CInterface, AStartSaysWhatIsWrongWithItsOptions) {
     EXPECT_EQ(startedWith([&](kestrova_options& o) { o.*member = "\xff"; }), KESTROVA_ERROR_BAD_UTF8);
   }
   EXPECT_EQ(startedWith([](kestrova_options& o) { o.api_version = ""; }), KESTROVA_ERROR_BAD_OPTIONS);
-  for (const char* apiHost : {"https://api.example.com", "api.example.com/path", "api example", "api.example.com:port", ":443"})
+  for (const char* apiHost : {"https://api.example.com", "api.example.com/path", "api example", "api.example.com:port", ":443",
+                              "user@api.example.com", "api.example.com#x"})
     EXPECT_EQ(startedWith([&](kestrova_options& o) { o.api_host = apiHost; }), KESTROVA_ERROR_BAD_OPTIONS) << apiHost;
   for (const char* kestrova_options::* member :
        {&kestrova_options::home_directory, &kestrova_options::transfer_directory, &kestrova_options::transfer_service_path})
@@ -139,6 +140,9 @@ TEST_F(CInterface, AStartSaysWhatIsWrongWithItsOptions) {
   const std::array<const char*, 2> relative{"app", nullptr};
   EXPECT_EQ(startedWith([&](kestrova_options& o) { o.launch_command = relative.data(); }), KESTROVA_ERROR_BAD_PATH);
   EXPECT_EQ(startedWith([&](kestrova_options& o) { o.launch_command = &relative[1]; }), KESTROVA_ERROR_NULL_ARGUMENT);
+  const std::array<const char*, 3> noText{"/app", "\xff", nullptr};
+  EXPECT_EQ(startedWith([&](kestrova_options& o) { o.launch_command = noText.data(); }), KESTROVA_ERROR_BAD_UTF8);
+  EXPECT_EQ(startedWith([&](kestrova_options& o) { o.home_directory = "/\xff"; }), KESTROVA_ERROR_BAD_UTF8);
   for (const double timeout : {-1.0, std::nan(""), static_cast<double>(INFINITY)})
     EXPECT_EQ(startedWith([&](kestrova_options& o) { o.request_timeout = timeout; }), KESTROVA_ERROR_BAD_OPTIONS) << timeout;
   EXPECT_EQ(Kestrova::shared(), nullptr);
@@ -155,6 +159,7 @@ TEST_F(CInterface, EveryFunctionWantsAClient) {
   EXPECT_EQ(kestrova_handle_launch(nullptr, [](void*) {}, nullptr), KESTROVA_ERROR_NULL_ARGUMENT);
   EXPECT_EQ(kestrova_feature_enabled(nullptr, 1, &enabled), KESTROVA_ERROR_NULL_ARGUMENT);
   EXPECT_EQ(kestrova_feature_enabled(started(), 1, nullptr), KESTROVA_ERROR_NULL_ARGUMENT);
+  for (const int none : {-1, 64}) EXPECT_EQ(kestrova_feature_enabled(client, none, &enabled), KESTROVA_ERROR_BAD_OPTIONS) << none;
   EXPECT_EQ(enabled, 7);
 }
 

@@ -166,6 +166,9 @@ TEST_F(TraceSocketTest, OfALongLineTheBeginningIsPassedOn) {
   socket.take(std::string(TraceSocket::kMaxBytes + 1, 'y'));
   ASSERT_TRUE(watcher.waitForLines(1));
   EXPECT_EQ(watcher.lines()[0].size(), TraceSocket::kMaxBytes);
+  socket.take(std::string(TraceSocket::kMaxBytes - 1, 'y') + "ü");
+  ASSERT_TRUE(watcher.waitForLines(2));
+  EXPECT_EQ(watcher.lines()[1], std::string(TraceSocket::kMaxBytes - 1, 'y')) << "cut between two characters";
 }
 
 TEST_F(TraceSocketTest, AFolderWhosePathIsTooLongForAnAddressIsNoMatter) {
