@@ -92,6 +92,15 @@ TEST_F(TransferService, ManyStartsAtOnceMakeOneService) {
   EXPECT_TRUE(transfer::takeLock(directory_)->isOpen()) << "another one was there";
 }
 
+// Whoever had started it waited half a minute for an answer of a service that was dead, and the application with it.
+TEST_F(TransferService, AStartOfOneThatDiesBeforeItListensFailsAtOnce) {
+  handOver("https://localhost/gifs", fileOf("GIF89a"), 1);
+  const auto starter = start({"--background"}, {{"KESTROVA_TRANSFERD_DIE_AT", "imported"}});
+  EXPECT_EQ(starter->waitForEnd(), "exited with 1");
+  EXPECT_EQ(starter->errors(), "kestrova-transferd: the service ended before it listened\n");
+  EXPECT_FALSE(transfer::answeringService(directory_));
+}
+
 TEST_F(TransferService, ItEndsWhenIdleAndOnATermSignal) {
   auto idle = start({"--idle-seconds", "0.2"});
   EXPECT_EQ(idle->waitForEnd(), "exited with 0");

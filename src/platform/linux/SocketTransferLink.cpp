@@ -33,15 +33,15 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds kFirstWait{10};  // the service that was just started answers soon
 constexpr milliseconds kLongestWait{60'000};
-constexpr milliseconds kWaitForService{5'000};      // before it is started once more
+constexpr milliseconds kWaitForService{5'000};      // before it is started once more, at first
 constexpr int kTriesWithoutNeed = 10;               // of a link that was asked for but is needed for nothing yet
 constexpr milliseconds kPatience{10'000};           // for the service's welcome
 constexpr milliseconds kShortLife{5'000};           // of a connection that breaks again and again
 constexpr milliseconds kLongestWaitAfterLife{500};  // shorter than the service waits before it launches applications
 
 // Doubled with each time in a row.
-milliseconds growingWait(int times, milliseconds longest) {
-  return times == 0 ? milliseconds::zero() : std::min(longest, kFirstWait * (1 << std::min(times - 1, 13)));
+milliseconds growingWait(milliseconds first, int times, milliseconds longest) {
+  return times == 0 ? milliseconds::zero() : std::min(longest, first * (1 << std::min(times - 1, 13)));
 }
 
 class MachineTime final : public LinkTime {
@@ -128,12 +128,14 @@ class SocketTransferLink final : public TransferLink, public std::enable_shared_
   FileDescriptor socket_;
   transfer::MessageReader reader_;
   std::string unsent_;
-  int failedTries_ = 0;
+  int failedTries_ = 0;                // in a row
+  int triesSinceStart_ = 0;            // of those, since the service was started
+  int starts_ = 0;                     // since a connection stood
   int shortLives_ = 0;                 // connections in a row that broke soon
   steady_clock::time_point deadline_;  // of waiting and greeting
   steady_clock::time_point connectedAt_;
   std::string complaint_;  // the last that went to the system log since a connection stood
-  std::optional<steady_clock::time_point> serviceStartedAt_;
+  std::optional<steady_clock::time_point> nextStartAt_;
 };
 
 // Callers.
@@ -288,13 +290,15 @@ void SocketTransferLink::giveUp(bool mayStartService) {
   if (state_ == State::kConnected) shortLives_ = time_->now() - connectedAt_ < kShortLife ? shortLives_ + 1 : 0;
   disconnect();
   ++failedTries_;
+  ++triesSinceStart_;
   if (!isWorthAnotherTry()) {
-    failedTries_ = 0;
+    failedTries_ = triesSinceStart_ = 0;
     return;
   }
   if (mayStartService) startService();
   state_ = State::kWaiting;
-  setDeadline(std::max(growingWait(failedTries_, kLongestWait), growingWait(shortLives_, kLongestWaitAfterLife)));
+  setDeadline(std::max(growingWait(kFirstWait, triesSinceStart_, kLongestWait),
+                       growingWait(kFirstWait, shortLives_, kLongestWaitAfterLife)));
 }
 
 // What a try right away would only meet again.
@@ -304,12 +308,15 @@ void SocketTransferLink::giveUpForLong(const std::string& cause) {
   if (state_ == State::kWaiting) setDeadline(kLongestWait);
 }
 
+// The service that was just started answers soon, however long the tries before it had become.
 void SocketTransferLink::startService() {
   const auto now = time_->now();
-  if (serviceStartedAt_ && now - *serviceStartedAt_ <= kWaitForService) return;
-  serviceStartedAt_ = now;
+  if (service_.isRunning() || (nextStartAt_ && now < *nextStartAt_)) return;
+  nextStartAt_ = now + growingWait(kWaitForService, ++starts_, kLongestWait);
   if (const int error = service_.start())
     complain("The transfer service cannot be started as “" + service_.program() + "”: " + systemErrorText(error) + ".");
+  else
+    triesSinceStart_ = 1;
 }
 
 // The program that is started ends in peace when a service answers.
@@ -361,8 +368,8 @@ void SocketTransferLink::take(const transfer::Message& message) {
   state_ = State::kConnected;
   connectedAt_ = time_->now();
   complaint_.clear();
-  failedTries_ = 0;
-  serviceStartedAt_.reset();
+  failedTries_ = triesSinceStart_ = starts_ = 0;
+  nextStartAt_.reset();
   {
     const std::lock_guard lock(mutex_);
     takesOutput_ = true;

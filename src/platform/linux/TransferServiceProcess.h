@@ -31,6 +31,8 @@ class TransferServiceProcess {
   /// Starts the program unless a child of an earlier call still runs. Yields 0 or the system's error number: EPERM in a process
   /// with more rights than whoever started it, whose environment would choose the program that gets them.
   int start();
+  /// Whether a child was started and has not been let go of.
+  bool isRunning() const { return process_ != 0; }
   /// Lets go of a child that has ended, and says how when that was not in peace: `ended with status 1`. To be called when
   /// descriptor() becomes readable.
   std::optional<std::string> reap();

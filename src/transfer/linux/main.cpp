@@ -53,7 +53,10 @@ void blockSignals() {
 
 std::string runsAlready(pid_t process) { return "kestrova-transferd runs already, as process " + std::to_string(process); }
 
-/// Gives the text, if any, to whoever waits at the other end, and lets go of it.
+/// What is reported when all is well; any other text says why it is not.
+constexpr const char* kServes = "serves";
+
+/// Gives the text to whoever waits at the other end, and lets go of it.
 void report(FileDescriptor& waiting, const std::string& text) {
   if (waiting.isOpen()) (void)waiting.writeAll(text);
   (void)waiting.close();
@@ -68,6 +71,7 @@ int serve(const TransferDirectory& directory, const transfer::Options& options, 
   const auto lock = transfer::takeLock(directory);
   if (!lock) return failed(lock.error());
   if (!lock->isOpen()) {
+    report(waiting, kServes);
     if (!options.background) say(runsAlready(transfer::answeringService(directory).value_or(0)));
     return EXIT_SUCCESS;
   }
@@ -75,7 +79,7 @@ int serve(const TransferDirectory& directory, const transfer::Options& options, 
   const auto store = transfer::SQLiteStore::open(directory.store());
   if (!store) return failed(store.error());
   transfer::Daemon daemon(directory, **store, options);
-  const auto ended = daemon.run([&waiting] { report(waiting, {}); });
+  const auto ended = daemon.run([&waiting] { report(waiting, kServes); });
   if (!ended) return failed(ended.error());
   return EXIT_SUCCESS;
 }
@@ -111,10 +115,9 @@ int serveInBackground(const TransferDirectory& directory, const transfer::Option
   }
   (void)writing.close();
   (void)waitpid(child, nullptr, 0);
-  const std::string failure = allFrom(reading);
-  if (!failure.empty()) return fail(failure);
-  if (!transfer::waitForService(directory)) return fail("the service does not answer");
-  return EXIT_SUCCESS;
+  const std::string word = allFrom(reading);
+  if (word == kServes) return EXIT_SUCCESS;
+  return fail(word.empty() ? "the service ended before it listened" : word);
 }
 
 int showStatus(const TransferDirectory& directory) {

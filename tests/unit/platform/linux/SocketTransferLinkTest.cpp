@@ -315,6 +315,7 @@ TEST_F(SocketTransferLinkTest, ItLeavesWhenNobodyNeedsIt) {
 // Waiting.
 
 TEST_F(SocketTransferLinkTest, WaitsGrowUpToAMinuteWhileTheServiceIsAway) {
+  options_.transferServicePath = folder_.path() + "/missing";
   link().connect();
   letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120, 10240, 20480, 40960, kMinute, kMinute});
   ASSERT_TRUE(time_->comesToWait(kMinute));
@@ -323,7 +324,6 @@ TEST_F(SocketTransferLinkTest, WaitsGrowUpToAMinuteWhileTheServiceIsAway) {
   const Peer peer = connected();
   ASSERT_TRUE(listener_->notes.waitFor(1));
   EXPECT_THAT(listener_->notes.all().front(), "connected");
-  EXPECT_THAT(log(), IsEmpty()) << "/bin/true ends in peace";
 }
 
 TEST_F(SocketTransferLinkTest, WhoAsksDoesNotWaitForTheEndOfAPause) {
@@ -401,40 +401,100 @@ TEST_F(SocketTransferLinkTest, AServiceThatDiesAgainAndAgainIsVisitedTwiceASecon
 
 // Starting the service.
 
-TEST_F(SocketTransferLinkTest, TheServiceIsStartedAtOnceAndThenEveryFiveSecondsAtMost) {
-  const std::string pipe = folder_.path() + "/pipe";
-  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-  const FileDescriptor reading(::open(pipe.c_str(), O_RDWR | O_CLOEXEC));
-  const auto startsWithin = [&](int limit) {
-    pollfd waiting{reading.get(), POLLIN, 0};
+/// A program that says when it starts and ends with the status that it is given.
+class StartedPrograms : public SocketTransferLinkTest {
+ protected:
+  StartedPrograms() {
+    EXPECT_EQ(::mkfifo(path("starts").c_str(), 0600), 0);
+    EXPECT_EQ(::mkfifo(path("statuses").c_str(), 0600), 0);
+    starts_ = FileDescriptor(::open(path("starts").c_str(), O_RDWR | O_CLOEXEC));
+    statuses_ = FileDescriptor(::open(path("statuses").c_str(), O_RDWR | O_CLOEXEC));
+    options_.transferServicePath = script("echo > " + path("starts") + "; read status < " + path("statuses") + "; exit $status");
+  }
+  ~StartedPrograms() override { end(0); }
+
+  bool startsWithin(int limit) const {
+    pollfd waiting{starts_.get(), POLLIN, 0};
     char word = 0;
-    return ::poll(&waiting, 1, limit) == 1 && ::read(reading.get(), &word, 1) == 1;
-  };
-  options_.transferServicePath = script("printf s > " + pipe + "; exit $(cat " + folder_.path() + "/status)");
-  const auto expectStart = [&](int status) {
-    EXPECT_TRUE(startsWithin(kLimitInMilliseconds()));
-    EXPECT_TRUE(log_->notes.waitFor(static_cast<std::size_t>(status))) << "its end is seen";
-  };
-  std::ofstream(folder_.path() + "/status") << 1;
+    return ::poll(&waiting, 1, limit) == 1 && ::read(starts_.get(), &word, 1) == 1;
+  }
+  bool starts() const { return startsWithin(kLimitInMilliseconds()); }
+  bool hasStarted() const { return startsWithin(0); }
+  /// One that runs, or the next one.
+  void end(int status) { (void)statuses_.writeAll(std::to_string(status) + "\n"); }
+  std::string said(int status) const {
+    return "The transfer service “" + *options_.transferServicePath + "” ended with status " + std::to_string(status) + ".";
+  }
+
+ private:
+  std::string path(const std::string& name) const { return folder_.path() + "/" + name; }
+
+  FileDescriptor starts_;
+  FileDescriptor statuses_;
+};
+
+TEST_F(StartedPrograms, TheServiceIsStartedAtOnceAndThenAfterFiveSecondsAndTwiceAsLongEachTime) {
   link().connect();
-  expectStart(1);
-  std::ofstream(folder_.path() + "/status") << 2;
+  ASSERT_TRUE(starts());
+  end(1);
+  ASSERT_TRUE(log_->notes.waitFor(1)) << "its end is seen";
   letPass({10, 20, 40, 80, 160, 320, 640, 1280});
   ASSERT_TRUE(time_->comesToWait(2560));
-  EXPECT_FALSE(startsWithin(0));
+  EXPECT_FALSE(hasStarted());
   time_->pass(2560);
-  expectStart(2);
-  const std::string said = "The transfer service “" + *options_.transferServicePath + "” ended with status ";
-  EXPECT_THAT(log(), ElementsAre(said + "1.", said + "2."));
+  ASSERT_TRUE(starts());
+  end(2);
+  ASSERT_TRUE(log_->notes.waitFor(2));
+  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560});
+  ASSERT_TRUE(time_->comesToWait(5120));
+  EXPECT_FALSE(hasStarted());
+  time_->pass(5120);
+  ASSERT_TRUE(starts());
+  end(3);
+  ASSERT_TRUE(log_->notes.waitFor(3));
+  EXPECT_THAT(log(), ElementsAre(said(1), said(2), said(3)));
 }
 
-TEST_F(SocketTransferLinkTest, AProgramThatEndsAtOnceIsSaidOnce) {
-  options_.transferServicePath = script("exit 3");
+TEST_F(StartedPrograms, OneThatEndsAtOnceIsSaidOnce) {
   link().connect();
+  ASSERT_TRUE(starts());
+  end(3);
   ASSERT_TRUE(log_->notes.waitFor(1));
-  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120, 10240});
-  ASSERT_TRUE(time_->comesToWait(20480));
-  EXPECT_THAT(log(), ElementsAre("The transfer service “" + *options_.transferServicePath + "” ended with status 3."));
+  const auto nextStarts = [this] {
+    time_->pass(kMinute);
+    return hasStarted();
+  };
+  ASSERT_TRUE(becomes(nextStarts));
+  end(3);
+  ASSERT_TRUE(becomes(nextStarts)) << "so its end was seen";
+  end(4);
+  ASSERT_TRUE(log_->notes.waitFor(2));
+  EXPECT_THAT(log(), ElementsAre(said(3), said(4)));
+}
+
+TEST_F(StartedPrograms, OneThatRunsIsNotStartedAgain) {
+  link().connect();
+  ASSERT_TRUE(starts());
+  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120, 10240, 20480, 40960});
+  ASSERT_TRUE(time_->comesToWait(kMinute));
+  EXPECT_FALSE(hasStarted());
+}
+
+// It was met after the long wait to which the tries before its start had grown.
+TEST_F(StartedPrograms, AServiceThatIsStartedLateIsMetSoon) {
+  link().connect();
+  ASSERT_TRUE(starts());
+  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120, 10240, 20480});
+  ASSERT_TRUE(time_->comesToWait(40960));
+  end(1);
+  ASSERT_TRUE(log_->notes.waitFor(1));
+  time_->pass(40960);
+  ASSERT_TRUE(starts());
+  ASSERT_TRUE(time_->comesToWait(10));
+  listen();
+  time_->pass(10);
+  const Peer peer = connected();
+  EXPECT_TRUE(listener_->notes.waitFor(1));
 }
 
 TEST_F(SocketTransferLinkTest, AMissingProgramIsSaidOnceUntilAServiceWasThere) {
