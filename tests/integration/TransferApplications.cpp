@@ -328,7 +328,8 @@ TEST_F(TwoApplications, OneWithTheOthersIdentifierAndAWrongTokenIsRefused) {
   const fs::path unseen = writeFile(directory_.spool() + "/.intruder", encode(entry));
   fs::permissions(unseen, fs::perms::owner_read | fs::perms::owner_write);
   fs::rename(unseen, directory_.spool() + "/intruder.task");
-  ASSERT_TRUE(becomes([&] { return fs::exists(directory_.refused() + "/intruder.task.reason"); }));
+  // The reason is there first, for a moment without its words.
+  ASSERT_TRUE(becomes([&] { return fs::exists(directory_.refused() + "/intruder.task"); }));
   EXPECT_EQ(contentOf(directory_.refused() + "/intruder.task.reason"), reason + "\n");
   expectNothingTouched();
   expectOwnOutcomes();

@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -112,9 +113,27 @@ class UploadDeaths : public testing::Test {
   /// For whoever reads of a failure.
   std::string situation() const {
     std::ostringstream text;
-    text << "service: " << place.service() << ", working: " << ApplicationPlace::holderOf(place.working())
-         << ", alive: " << ApplicationPlace::holderOf(place.alive()) << ", tasks in the spool: " << spool().size() << "\nlog:\n"
+    const auto now = Clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+    text << "now: " << now << ", service: " << place.service() << ", working: " << ApplicationPlace::holderOf(place.working())
+         << ", alive: " << ApplicationPlace::holderOf(place.alive()) << ", tasks in the spool: " << spool().size() << "\n"
+         << sessionsOfService() << "log:\n"
          << contentOf(place.log());
+    return text.str();
+  }
+  std::string sessionsOfService() const {
+    if (place.service() == 0 || !server) return "";
+    std::ostringstream text;
+    platform::TransferInspection look(place.options(server->host()));
+    const auto sessions = look.sessions();
+    if (!sessions) return sessions.error().localizedDescription() + "\n";
+    for (const auto& session : sessions->value_or(platform::TransferInspection::Sessions()))
+      for (const transfer::TaskStatus& task : session.tasks) {
+        text << session.identifier << " " << task.identifier << ": state " << static_cast<int>(task.state) << ", tries "
+             << task.tries << ", sent " << task.bytesSent << " of " << task.bytesExpected;
+        if (task.nextTryAt) text << ", next try in " << *task.nextTryAt - static_cast<double>(std::time(nullptr)) << " s";
+        if (task.error) text << ", " << task.error->localizedDescription();
+        text << "\n";
+      }
     return text.str();
   }
 
@@ -154,9 +173,11 @@ class UploadDeaths : public testing::Test {
   /// Puts the host's GIF where it is and gives the command.
   void giveUpload(Program& application, const std::string& share, const std::string& gif) {
     given[share] = gif;
-    const std::string path = hostFile(share);
-    std::ofstream(path, std::ios::binary) << gif;
-    (void)application.write("upload " + path + " " + share + "\n");
+    std::ofstream(hostFile(share), std::ios::binary) << gif;
+    commandUpload(application, share);
+  }
+  void commandUpload(Program& application, const std::string& share) const {
+    (void)application.write("upload " + hostFile(share) + " " + share + "\n");
   }
   void upload(Program& application, const std::string& share = "cat") {
     giveUpload(application, share, gifOf(kGifBytes, 1));
@@ -588,11 +609,12 @@ class UploadDeathsAtRandom : public UploadDeaths {
   bool isAccepted(const std::string& share) const {
     return countOf([&](const auto& record) { return record.word == "accepted" && record.detail == share; }) > 0;
   }
-  /// A host that comes back gives anew what it was not told to be accepted: its file is still there.
+  /// A host that comes back gives anew what it was not told to be accepted: its file is still there. It is not written again, as an
+  /// upload that was accepted without a word of it has the same file, and may be reading it.
   void comeBack() {
     application = startApplication();
     for (const auto& [share, gif] : given)
-      if (!isAccepted(share)) giveUpload(*application, share, std::string(gif));
+      if (!isAccepted(share)) commandUpload(*application, share);
   }
   std::size_t acceptedUploads() const {
     return countOf([](const auto& record) { return record.word == "accepted"; });
@@ -644,7 +666,11 @@ class UploadDeathsAtRandom : public UploadDeaths {
       EXPECT_EQ(all.count(share), uploads[share]) << share;
       EXPECT_GE(all.count(share), 1U) << share;
     }
-    for (const auto& [share, file] : all) EXPECT_TRUE(contentOf(gifs() / file) == given.at(share)) << share << " in " << file;
+    for (const auto& [share, file] : all) {
+      const std::string content = contentOf(gifs() / file);
+      EXPECT_TRUE(content == given.at(share))
+          << share << " in " << file << ", " << content.size() << " bytes of " << given.at(share).size();
+    }
     EXPECT_EQ(countOf([](const auto& record) { return record.word == "failed"; }), 0U);
   }
   /// What is left is of uploads that were killed before their task was in the spool.

@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -20,6 +22,7 @@
 #include "companions/KSVDebugger.h"
 #include "companions/KSVShare.h"
 #include "companions/Kestrova.h"
+#include "platform/SystemLog.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/TransferDirectory.h"
 #include "support/DevServer.h"
@@ -43,7 +46,8 @@ struct Application {
   static thread_local std::string sessionHere;  // of the delegate operation on this thread
 
   void note(std::string_view word, const std::string& session, const std::string& detail = {}) const {
-    std::string line = std::to_string(getpid()) + " " + std::string(word) + " " + session;
+    const auto time = std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+    std::string line = std::to_string(time) + " " + std::to_string(getpid()) + " " + std::string(word) + " " + session;
     if (!detail.empty()) line += " " + detail;
     line += "\n";
     if (::write(log.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()) || fsync(log.get()) != 0) std::abort();
@@ -120,6 +124,12 @@ class WatchedSessions final : public platform::BackgroundURLSessions {
   const std::shared_ptr<platform::BackgroundURLSessions> inner_;
 };
 
+// Into the record what nobody reads on the standard error of a process that was launched.
+class NotedSystemLog final : public platform::SystemLog {
+ public:
+  void log(std::string_view message) override { theApplication->note("says", "-", std::string(message)); }
+};
+
 struct flock lockOf(short type) {
   struct flock lock{};
   lock.l_type = type;
@@ -137,6 +147,7 @@ bool holdLock(const std::string& path, short type) {
 void startKestrova(const std::string& apiHost) {
   auto process = platform::makeSystemProcess(theApplication->place.options(apiHost));
   process->backgroundSessions = std::make_shared<WatchedSessions>(process->backgroundSessions);
+  process->systemLog = std::make_shared<NotedSystemLog>();
   platform::Process::install(std::move(process));
   KSVDebugger::sharedDebugger()->setListener([](std::string_view line) { theApplication->trace(line); });
   Kestrova::Configuration configuration;
@@ -263,7 +274,8 @@ std::vector<ApplicationRecord> readLog(const ApplicationPlace& place) {
   for (std::string line; std::getline(file, line);) {
     std::istringstream words(line);
     ApplicationRecord record;
-    words >> record.process >> record.word >> record.session >> record.detail;
+    std::uint64_t time = 0;  // for whoever reads of a failure
+    words >> time >> record.process >> record.word >> record.session >> record.detail;
     records.push_back(std::move(record));
   }
   return records;

@@ -49,7 +49,8 @@ struct ApplicationPlace {
 
 /// A line of the log. The words, each said for a session, in the order in which they come: "starting" (with its share), "accepted",
 /// "begun" (a delegate operation for a task), "completed" or "failed" (what the client's trace says of the task), "returned" (the
-/// operation), "finished" (the stored events are delivered); and for no session "dies" (with the step) and "left".
+/// operation), "finished" (the stored events are delivered); and for no session "dies" (with the step), "says" (to the system log)
+/// and "left". Each line begins with the time, in milliseconds of the steady clock.
 struct ApplicationRecord {
   pid_t process = 0;
   std::string word;
