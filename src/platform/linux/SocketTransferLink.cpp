@@ -34,7 +34,7 @@ using std::chrono::steady_clock;
 constexpr milliseconds kFirstWait{10};  // the service that was just started answers soon
 constexpr milliseconds kLongestWait{60'000};
 constexpr milliseconds kWaitForService{5'000};      // before it is started once more, at first
-constexpr int kTriesWithoutNeed = 10;               // of a link that was asked for but is needed for nothing yet
+constexpr int kTriesWithoutNeed = 10;               // of a link that is needed for nothing yet, since it was asked for last
 constexpr milliseconds kPatience{10'000};           // for the service's welcome
 constexpr milliseconds kShortLife{5'000};           // of a connection that breaks again and again
 constexpr milliseconds kLongestWaitAfterLife{500};  // shorter than the service waits before it launches applications
@@ -128,7 +128,7 @@ class SocketTransferLink final : public TransferLink, public std::enable_shared_
   FileDescriptor socket_;
   transfer::MessageReader reader_;
   std::string unsent_;
-  int failedTries_ = 0;                // in a row
+  int failedTries_ = 0;                // since it was asked for last, or a connection stood
   int triesSinceStart_ = 0;            // of those, since the service was started
   int starts_ = 0;                     // since a connection stood
   int shortLives_ = 0;                 // connections in a row that broke soon
@@ -221,11 +221,13 @@ void SocketTransferLink::step() {
   if (state_ == State::kConnected && unsent_.empty() && isListenerSatisfied()) disconnect();
 }
 
-// Whoever asks does not wait for the end of a pause.
+// Whoever asks does not wait for the end of a pause, and makes none longer: an application that takes up many sessions asks many
+// times before the service can be there.
 void SocketTransferLink::beginWhenAsked() {
   if (state_ != State::kIdle && state_ != State::kWaiting) return;
   const std::lock_guard lock(mutex_);
   if (!std::exchange(isAsked_, false)) return;
+  failedTries_ = triesSinceStart_ = 0;
   state_ = State::kWaiting;
   setDeadline(milliseconds::zero());
 }

@@ -111,6 +111,15 @@ class HandTime final : public platform::LinkTime {
     }
     (void)eventfd_write(passed_.get(), 1);
   }
+  /// Until the thread waits, and has begun to more than that many times.
+  [[nodiscard]] bool comesToWaitAfter(std::size_t waits) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kLimit, [&] { return limit_ && waits_ > waits; });
+  }
+  std::size_t waits() {
+    const std::lock_guard lock(mutex_);
+    return waits_;
+  }
   /// Until the thread waits for that long.
   [[nodiscard]] testing::AssertionResult comesToWait(int limit) {
     std::unique_lock lock(mutex_);
@@ -122,6 +131,7 @@ class HandTime final : public platform::LinkTime {
   void enter(std::optional<int> limit) {
     const std::lock_guard lock(mutex_);
     limit_ = limit;
+    if (limit) ++waits_;
     changed_.notify_all();
   }
 
@@ -129,6 +139,7 @@ class HandTime final : public platform::LinkTime {
   std::condition_variable changed_;
   std::chrono::steady_clock::time_point now_{};
   std::optional<int> limit_;  // while the thread waits
+  std::size_t waits_ = 0;     // so far
   const FileDescriptor passed_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };
 
@@ -334,6 +345,29 @@ TEST_F(SocketTransferLinkTest, WhoAsksDoesNotWaitForTheEndOfAPause) {
   link().connect();
   const Peer peer = connected();
   EXPECT_TRUE(listener_->notes.waitFor(1));
+}
+
+// An application that took up eighty sessions while its service was starting came to it after a minute.
+TEST_F(SocketTransferLinkTest, AsksInARowDoNotMakeThePausesLonger) {
+  for (int i = 0; i < 20; ++i) {
+    const std::size_t before = time_->waits();
+    link().connect();
+    ASSERT_TRUE(time_->comesToWaitAfter(before));
+    ASSERT_TRUE(time_->comesToWait(10));
+  }
+  letPass({10, 20});
+  EXPECT_TRUE(time_->comesToWait(40));
+}
+
+TEST_F(SocketTransferLinkTest, WhatNobodyNeedsIsTriedTenTimesSinceItWasAskedForLast) {
+  listener_->setNeed(Need::kNone);
+  for (int i = 0; i < 20; ++i) {
+    const std::size_t before = time_->waits();
+    link().connect();
+    ASSERT_TRUE(time_->comesToWaitAfter(before));
+  }
+  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560});
+  EXPECT_TRUE(time_->comesToWait(kForever));
 }
 
 TEST_F(SocketTransferLinkTest, WhatNobodyNeedsIsGivenUpAfterTenTries) {
