@@ -80,7 +80,7 @@ class CurlLoop::Run {
 
   CURLM* multi() const { return multi_; }
 
-  void accept(Job job) {
+  void accept(const Job& job) {
     if (job.kind == Job::Kind::kStart)
       begin(job.load);
     else if (const auto entry = entries_.find(job.load.get()); entry != entries_.end())
