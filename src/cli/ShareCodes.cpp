@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "platform/Data.h"
+#include "platform/UTF8.h"
 
 namespace cli {
 namespace {
@@ -16,9 +17,6 @@ bool isBreaking(char c) {
   return byte <= ' ' || byte == 0x7F || c == ',' || c == '&' || c == '#';
 }
 
-/// Bytes that continue a code point are not counted.
-bool beginsCodePoint(char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }
-
 }  // namespace
 
 std::expected<KSVReferralCode, std::string> parseReferralCode(std::string_view text) {
@@ -26,7 +24,7 @@ std::expected<KSVReferralCode, std::string> parseReferralCode(std::string_view t
   if (std::ranges::any_of(text, isBreaking)) return std::unexpected("no comma, ampersand, number sign or blank may stand in it");
   std::size_t at = 0;
   for (std::size_t characters = 0; at < text.size(); ++at)
-    if (beginsCodePoint(text[at]) && ++characters > kUserIdLength) break;
+    if (!platform::continuesCharacter(text[at]) && ++characters > kUserIdLength) break;
   if (at == text.size()) return std::unexpected("it has eight characters for the user and then the share's own");
   return KSVReferralCode{std::string(text.substr(0, at)), std::string(text.substr(at))};
 }

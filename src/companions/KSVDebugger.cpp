@@ -8,6 +8,7 @@
 
 #include "companions/Kestrova.h"
 #include "platform/Process.h"
+#include "platform/UTF8.h"
 
 namespace {
 
@@ -25,11 +26,9 @@ class Listening {
   const KSVDebugger* before_;
 };
 
-// The beginning of a line that alone is larger than all that may be kept, cut between two characters.
+// Of a line that alone is larger than all that may be kept, the beginning, in memory of its own size.
 void cutToBound(std::string& line) {
-  std::size_t end = KSVDebugger::kMaxBytes;
-  while (end > KSVDebugger::kMaxBytes - 4 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
-  line.resize(end);
+  line.resize(platform::beginningOf(line, KSVDebugger::kMaxBytes).size());
   line.shrink_to_fit();
 }
 

@@ -9,6 +9,7 @@
 
 #include "devserver/Journal.h"
 #include "devserver/Json.h"
+#include "platform/UTF8.h"
 
 namespace devserver {
 namespace {
@@ -22,24 +23,17 @@ constexpr std::size_t kMaxSession = 256;
 /// A clock that moves by less between two requests was not corrected; their way to the server took that long.
 constexpr std::chrono::milliseconds kCorrection{2000};
 
-/// The beginning of a UTF-8 text, cut between characters.
-std::string beginning(std::string_view text, std::size_t bytes) {
-  if (text.size() <= bytes) return std::string(text);
-  while (bytes > 0 && (static_cast<unsigned char>(text[bytes]) & 0xC0U) == 0x80U) --bytes;
-  return std::string(text.substr(0, bytes));
-}
-
 /// Data as it is, or the beginning of its text and its length when it is long.
 void setData(Dictionary& item, const char* name, const Value& data) {
   const std::string text = data.isObject() || data.isArray() ? writeJson(data) : "";
   if (text.size() <= Story::kMaxData) return item.setObjectForKey(data, name);
-  item.setObjectForKey(Value(beginning(text, Story::kMaxData)), std::string(name) + "Beginning");
+  item.setObjectForKey(Value(platform::beginningOf(text, Story::kMaxData)), std::string(name) + "Beginning");
   item.setObjectForKey(Value(text.size()), std::string(name) + "Bytes");
 }
 
 std::string textOf(const Dictionary& object, const char* key, std::size_t bytes) {
   const Value* value = object.find(key);
-  return value && value->isString() ? beginning(value->string().view(), bytes) : "";
+  return value && value->isString() ? std::string(platform::beginningOf(value->string().view(), bytes)) : "";
 }
 
 std::string digestOf(const std::string& text) {

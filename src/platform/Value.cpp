@@ -14,6 +14,7 @@
 #include <new>
 
 #include "platform/Exception.h"
+#include "platform/UTF8.h"
 
 namespace platform {
 namespace detail {
@@ -361,7 +362,7 @@ String Value::substringToIndex(std::size_t characters) const {
       raise(kInvalidArgumentException, "*** -[NSString substringToIndex:]: Index " + std::to_string(characters) +
                                            " out of bounds; string length " + std::to_string(taken));
     ++end;
-    while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) ++end;
+    while (end < text.size() && continuesCharacter(text[end])) ++end;
   }
   return end == text.size() ? string() : String(text.substr(0, end));
 }

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/UTF8.h"
 #include "platform/linux/ApplicationFolder.h"
 #include "platform/linux/FileErrors.h"
 
@@ -55,14 +56,6 @@ std::unexpected<Error> failure(int error, const std::string& path) {
   return std::unexpected(Error(kPOSIXErrorDomain, error, path + ": " + systemErrorText(error)));
 }
 
-/// As much of it as is passed on, cut between two characters.
-std::string_view beginningOf(std::string_view line) {
-  if (line.size() <= TraceSocket::kMaxBytes) return line;
-  std::size_t end = TraceSocket::kMaxBytes;
-  while (end > TraceSocket::kMaxBytes - 4 && (static_cast<unsigned char>(line[end]) & 0xC0U) == 0x80U) --end;
-  return line.substr(0, end);
-}
-
 pid_t processBehind(int connection) {
   ucred peer{};
   socklen_t length = sizeof peer;
@@ -96,7 +89,7 @@ bool TraceSocket::connect() {
 }
 
 bool TraceSocket::send(std::string_view line) {
-  line = beginningOf(line);
+  line = beginningOf(line, kMaxBytes);
   if (::send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return true;
   if (errno != EAGAIN) {  // the watcher is gone
     (void)socket_.close();
