@@ -133,18 +133,19 @@ void Story::tellEvents(const Happening& happening, const std::string& sender, bo
   const std::uint64_t start = feed_.next();
   std::uint64_t back = 0;
   Ranges ranges;
+  std::unordered_map<std::string, std::uint64_t> occurrences;
   for (const Value& record : records->array()) {
-    const std::string key = digestOf(sender + "\n" + writeJson(Array{record}));
+    // Two that are alike in one batch are two, and stay the same two when the batch comes again.
+    const std::string content = digestOf(sender + "\n" + writeJson(Array{record}));
+    const std::string key = content + std::to_string(occurrences[content]++);
     const Event* known = events_.find(key);
-    // Two that are alike in one batch are two.
-    const bool isBefore = known && known->number < start;
     std::uint64_t number = start + items.size();
-    if (isBefore && !known->isTaken) {
+    if (known && !known->isTaken) {
       number = known->number;
       ++back;
     } else {
       Dictionary item = eventOf(happening, record);
-      if (isBefore) item.setObjectForKey(Value(known->number), "repeats");
+      if (known) item.setObjectForKey(Value(known->number), "repeats");
       items.push_back(std::move(item));
     }
     ranges.add(number);

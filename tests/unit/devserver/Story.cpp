@@ -123,6 +123,19 @@ TEST_F(StoryTest, TwoAlikeInOneBatchAreTwo) {
   EXPECT_EQ(all[1].objectForKey("repeats"), std::nullopt);
 }
 
+TEST_F(StoryTest, EqualRecordsOfABatchStayTwoWhenItIsRetried) {
+  story_.tell(batch({record("tapped"), record("opened"), record("tapped")}, 500));
+  story_.tell(batch({record("tapped"), record("opened"), record("tapped")}, 200));
+  ASSERT_THAT(kinds(items()), ElementsAre("event", "event", "event", "batch", "batch"));
+  EXPECT_EQ(json(last().objectForKey("events")), "[[1,3]]");
+  story_.tell(batch({record("tapped"), record("tapped"), record("tapped")}, 200));
+  const auto all = items();
+  ASSERT_THAT(kinds(all), ElementsAre("event", "event", "event", "batch", "batch", "event", "event", "event", "batch"));
+  EXPECT_EQ(all[5].objectForKey("repeats"), Value(1));
+  EXPECT_EQ(all[6].objectForKey("repeats"), Value(3));
+  EXPECT_EQ(all[7].objectForKey("repeats"), std::nullopt);
+}
+
 TEST_F(StoryTest, SameRequestAfterOneThatWasTakenIsNoRetry) {
   Happening share;
   share.kind = "share";
