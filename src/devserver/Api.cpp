@@ -172,12 +172,19 @@ void Exchange::verifyHeader() {
   if (route_ == Route::kGif) beginGif();
 }
 
+void Exchange::verifyFreshness() {
+  const auto fresh = api_.verifier_.verifyFreshness(*ticket_, api_.serverTime());
+  isNonceUsedUp_ = fresh || fresh.error().reason != "Invalid nonce";
+  if (!fresh) refuse(fresh.error());
+}
+
 void Exchange::beginGif() {
   // A GIF is signed by its header alone, so all of it can be judged before the first byte of the body.
-  const auto now = api_.serverTime();
-  const bool isStrict = api_.uploads_ == Api::Uploads::kStrict;
-  const auto fresh = isStrict ? api_.verifier_.verifyFreshness(*ticket_, now) : api_.verifier_.verifyUpload(*ticket_, now);
-  if (!fresh) return refuse(fresh.error());
+  if (api_.uploads_ == Api::Uploads::kStrict)
+    verifyFreshness();
+  else if (const auto fresh = api_.verifier_.verifyUpload(*ticket_, api_.serverTime()); !fresh)
+    refuse(fresh.error());
+  if (refusal_) return;
   const auto share = head_.parameter("shareId");
   if (!share || share->empty()) return refuse(400, "No shareId");
   details_.setObjectForKey(Value(*share), "shareId");
@@ -230,7 +237,7 @@ void Exchange::abandon() {
 void Exchange::verifyBody() {
   hash_ = hawkPayloadHash(head_.contentType, body_);
   if (auto right = HawkVerifier::verifyPayloadHash(*ticket_, *hash_); !right) return refuse(right.error());
-  if (auto fresh = api_.verifier_.verifyFreshness(*ticket_, api_.serverTime()); !fresh) refuse(fresh.error());
+  verifyFreshness();
 }
 
 std::expected<Value, std::string> Exchange::readPosted() const {
@@ -304,8 +311,10 @@ Reaction Exchange::finish() {
 /// What is not answered as taken leaves no file, and its header may come again.
 bool Exchange::keepGif(int status) {
   if (refusal_ || status < 200 || status > 299) return true;
-  if (api_.uploads_ == Api::Uploads::kRepeatable)
+  if (api_.uploads_ == Api::Uploads::kRepeatable) {
     if (auto spent = api_.verifier_.spend(*ticket_); !spent) return refuse(spent.error()), false;
+    isNonceUsedUp_ = true;
+  }
   const auto name = gif_->keep();
   if (!name) return refuse(507, name.error()), false;
   details_.setObjectForKey(Value(*name), "file");
@@ -466,7 +475,7 @@ void Exchange::tell(const std::optional<Answer>& answer, const char* misbehaviou
   if (hasTextBody() || route_ == Route::kGif) happening.checks = checksOfHeader(judged(), api_.applications_);
   if (route_ == Route::kCookieMatch) happening.checks = checksOfLink(judged(), api_.applications_);
   happening.identity = identity();
-  happening.nonce = nonceKey();
+  if (isNonceUsedUp_) happening.nonce = nonceKey();
   if (ticket_) happening.clock = std::chrono::seconds(std::stoll(ticket_->attributes.ts)) - happening.at;
   happening.isChallenged = answer && std::ranges::any_of(answer->fields, [](const auto& field) {
                              return field.first == "WWW-Authenticate" && field.second.starts_with("Hawk ts=");

@@ -157,6 +157,8 @@ class Exchange {
   bool isReadByPage() const { return route_ >= Route::kPageFile && route_ <= Route::kShownGif; }
 
   void verifyHeader();
+  /// The nonce, which is used up unless somebody was there before, and the age.
+  void verifyFreshness();
   void beginGif();
   /// Takes a GIF for good that would be answered like this; false when it cannot be.
   bool keepGif(int status);
@@ -204,6 +206,7 @@ class Exchange {
   const RequestHead head_;
   Route route_ = Route::kNone;
   std::optional<HawkTicket> ticket_;
+  bool isNonceUsedUp_ = false;  // by this request
   std::optional<Answer> refusal_;
   std::string verdict_ = "ok";
   std::string body_;

@@ -108,8 +108,7 @@ void Story::tell(const Happening& happening) {
   tellEvents(happening, sender, before && !before->isTaken, items, request);
   const std::uint64_t number = feed_.next() + items.size();
   tellAgain(happening, number, request);
-  if (!happening.nonce.empty() && happening.entry.objectForKey("verdict") != Value("Invalid nonce"))
-    nonces_.put(happening.nonce, {number, happening.at});
+  if (!happening.nonce.empty()) nonces_.put(happening.nonce, {number, happening.at});
   if (happening.clock) clocks_.put(sender, {*happening.clock, happening.isChallenged ? number : 0});
   items.push_back(std::move(request));
   feed_.add(std::move(items));

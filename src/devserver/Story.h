@@ -25,7 +25,7 @@ struct Happening {
   platform::Dictionary entry;                      // as the journal has it
   platform::Array checks;                          // as checksOfHeader gives them
   std::string identity;                            // the same for the same thing sent again; empty for what is not told apart
-  std::string nonce;                               // the nonce and what it belongs to; empty for none
+  std::string nonce;                               // that was used up, and what it belongs to; empty when none was
   std::optional<std::chrono::milliseconds> clock;  // how far the signature's time is ahead of the machine's clock
   bool isChallenged = false;                       // the answer told the client another time
   std::optional<platform::Dictionary> behaviour;   // what is left in force after this request used some of it up
@@ -48,7 +48,7 @@ class Story {
 
   void tell(const Happening& happening);
   void tellBehaviour(std::chrono::milliseconds at, const platform::Dictionary& state);
-  /// When this nonce came before, in words; empty when it did not.
+  /// When this nonce was used up, in words; empty when it was not.
   std::string firstUseOf(const std::string& nonce) const;
 
  private:

@@ -193,6 +193,18 @@ TEST_F(DevServerPage, EachRefusalIsExplained) {
   EXPECT_EQ(told("header"), "wrong: The Authorization header cannot be used: No Authorization header.");
 }
 
+TEST_F(DevServerPage, NonceIsFirstUsedByTheRequestThatUsedItUp) {
+  const std::string good = signedPost({});
+  std::string spoilt = good;
+  spoilt.replace(spoilt.find("opened"), 6, "closed");
+  exchange(spoilt);  // refused for its hash before anybody looks at the nonce
+  exchange(good);
+  const std::string number = std::to_string(items().front().objectForKey("n")->integerValue());
+  exchange(spoilt);
+  exchange(good);
+  EXPECT_THAT(told("nonce"), HasSubstr("wrong: The nonce was used before: number " + number + ", at "));
+}
+
 TEST_F(DevServerPage, NeitherSecretNorMacIsInTheFeed) {
   const std::string good = signedPost({});
   const std::string bad = signedPost({.key = "another secret"});
