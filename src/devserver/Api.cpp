@@ -476,7 +476,8 @@ void Exchange::tell(const std::optional<Answer>& answer, const char* misbehaviou
   if (route_ == Route::kCookieMatch) happening.checks = checksOfLink(judged(), api_.applications_);
   happening.identity = identity();
   if (isNonceUsedUp_) happening.nonce = nonceKey();
-  if (ticket_) happening.clock = std::chrono::seconds(std::stoll(ticket_->attributes.ts)) - happening.at;
+  // An upload is signed once and may be sent days later: its time says nothing about the device's clock now.
+  if (ticket_ && route_ != Route::kGif) happening.clock = std::chrono::seconds(std::stoll(ticket_->attributes.ts)) - happening.at;
   happening.isChallenged = answer && std::ranges::any_of(answer->fields, [](const auto& field) {
                              return field.first == "WWW-Authenticate" && field.second.starts_with("Hawk ts=");
                            });

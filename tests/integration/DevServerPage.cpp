@@ -234,6 +234,15 @@ TEST_F(DevServerPage, RetryAndClockCorrectionAreTold) {
   EXPECT_NEAR(static_cast<double>(items().at(1).objectForKey("seconds")->integerValue()), 3600, 5);
 }
 
+TEST_F(DevServerPage, UploadThatWasSignedDaysAgoIsNoCorrectionOfTheClock) {
+  exchange(signedPost({.ahead = -3600}));
+  EXPECT_EQ(exchange(signedPost({.target = "/gifs?shareId=abc", .ahead = -3 * 86400})).status, 200);
+  EXPECT_THAT(kinds(), ElementsAre("upload", "batch", "event"));
+  exchange(signedPost({.body = R"({"data":[]})"}));
+  EXPECT_THAT(kinds(), ElementsAre("batch", "clock", "upload", "batch", "event"));
+  EXPECT_NEAR(static_cast<double>(items().at(1).objectForKey("seconds")->integerValue()), 3600, 5);
+}
+
 TEST_F(DevServerPage, GifsAreShownByTheirNames) {
   const std::string gif = "GIF89a;";
   EXPECT_EQ(exchange(signedPost({.target = "/gifs?shareId=abc", .body = gif})).status, 200);
