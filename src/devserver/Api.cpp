@@ -481,7 +481,7 @@ void Exchange::tell(const std::optional<Answer>& answer, const char* misbehaviou
   happening.isChallenged = answer && std::ranges::any_of(answer->fields, [](const auto& field) {
                              return field.first == "WWW-Authenticate" && field.second.starts_with("Hawk ts=");
                            });
-  if (*misbehaviour) happening.behaviour = api_.behaviour_.state();
+  if (*misbehaviour) happening.behaviour = api_.behaviour_.summary();
   api_.story_.tell(happening);
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "devserver/Json.h"
+#include "platform/UTF8.h"
 
 namespace devserver {
 namespace {
@@ -223,6 +224,23 @@ Dictionary Behaviour::state() const {
     state.setObjectForKey(Value(stale), "stale");
   }
   return state;
+}
+
+Dictionary Behaviour::summary() const {
+  Dictionary summary = state();
+  if (const auto answer = summary.objectForKey("answer"); answer->isObject()) {
+    const std::size_t bytes = answer->objectForKey("body")->string().length();
+    summary.setObjectForKey(
+        Value(
+            Dictionary{{"status", *answer->objectForKey("status")}, {"next", *answer->objectForKey("next")}, {"bodyBytes", bytes}}),
+        "answer");
+  }
+  const std::string directives = writeJson(*summary.objectForKey("directives"));
+  if (directives.size() <= kMaxDirectives) return summary;
+  summary.removeObjectForKey("directives");
+  summary.setObjectForKey(Value(platform::beginningOf(directives, kMaxDirectives)), "directivesBeginning");
+  summary.setObjectForKey(Value(directives.size()), "directivesBytes");
+  return summary;
 }
 
 Misbehaviour Behaviour::take(bool canChallenge) {

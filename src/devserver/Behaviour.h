@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <mutex>
@@ -45,6 +46,10 @@ class Behaviour {
   void reset();
   /// What is in force, in the form that change takes; what counts requests shows how many are left.
   platform::Dictionary state() const;
+  /// The same in short, for whoever is told of it with each request: of an answer of its own "status", "next" and "bodyBytes"
+  /// alone, and in place of directives whose JSON has more than kMaxDirectives bytes "directivesBeginning" and "directivesBytes".
+  platform::Dictionary summary() const;
+  static constexpr std::size_t kMaxDirectives = 1024;
 
   /// The misbehaviour that this request uses up. A stale challenge waits for one that `canChallenge`: it needs the application's
   /// key.

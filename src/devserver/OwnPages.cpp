@@ -177,7 +177,7 @@ Reaction Exchange::beginLiveFeed() const {
                          {"next", api_.feed_.next()},
                          {"applications", applications},
                          {"authority", api_.authorityFile_.string()},
-                         {"behaviour", api_.behaviour_.state()}};
+                         {"behaviour", api_.behaviour_.summary()}};
   Answer answer{200, {{"Content-Type", "text/event-stream"}}, "event: hello\ndata: " + writeJson(hello) + "\n\n"};
   // Numbers of another run mean nothing here; the page sees by the run's name that it must begin anew.
   return {guarded(std::move(answer)), std::min(*after, api_.feed_.next() - 1), {}};
@@ -190,9 +190,8 @@ Answer Exchange::serveBehaviour() {
     const auto changed = settings ? api_.behaviour_.change(*settings) : std::unexpected(settings.error());
     if (!changed) return errorAnswer(400, changed.error());
   }
-  const Dictionary state = api_.behaviour_.state();
-  if (head_.method != "GET") api_.story_.tellBehaviour(api_.now_(), state);
-  return jsonAnswer(200, state);
+  if (head_.method != "GET") api_.story_.tellBehaviour(api_.now_(), api_.behaviour_.summary());
+  return jsonAnswer(200, api_.behaviour_.state());
 }
 
 Answer Exchange::serveShareStates() {

@@ -256,6 +256,21 @@ TEST_F(DevServerPage, GifsAreShownByTheirNames) {
     EXPECT_EQ(get(std::string("/dev/gif?file=") + name).body, R"({"error":"There is no such GIF"})") << name;
 }
 
+TEST_F(DevServerPage, LongMisbehaviourIsToldInShortHoweverManyRequestsUseItUp) {
+  const std::string answer = R"("answer": {"status": 503, "headers": {"X-Long": ")" + std::string(20'000, 'h') +
+                             R"("}, "body": ")" + std::string(500'000, 'b') + R"(", "next": 9})";
+  const std::string directives = R"("directives": {"long": ")" + std::string(20'000, 'd') + R"("})";
+  ASSERT_EQ(server_.misbehave("{" + answer + ", " + directives + "}"), "");
+  for (int count = 0; count < 3; ++count) EXPECT_EQ(get("/shares?ids=x").body.size(), 500'000U);
+  ASSERT_EQ(kinds().size(), 4U);
+  EXPECT_LT(get("/dev/feed").body.size(), 20'000U);
+  const Dictionary state = items().front().objectForKey("behaviour")->object();
+  EXPECT_EQ(state.objectForKey("answer"), Value(Dictionary{{"status", 503}, {"bodyBytes", 500'000}, {"next", 6}}));
+  EXPECT_EQ(state.objectForKey("directives"), std::nullopt);
+  EXPECT_EQ(state.objectForKey("directivesBytes"), Value(20'011));
+  EXPECT_EQ(text(state, "directivesBeginning"), R"({"long":")" + std::string(1024 - 9, 'd'));
+}
+
 // --- The stream.
 
 TEST_F(DevServerPage, StreamTellsWhatIsThereAndWhatComes) {

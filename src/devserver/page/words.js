@@ -70,6 +70,7 @@ export function behaviourText(state) {
   if (state.delay) parts.push(`answers after ${state.delay / 1000} s`);
   if (state['read-rate']) parts.push(`reads ${bytes(state['read-rate'])} a second`);
   if (state['close-every']) parts.push(`closes after every ${state['close-every']} requests`);
-  if (Object.keys(state.directives ?? {}).length) parts.push(`directive ${JSON.stringify(state.directives)}`);
+  if (state.directivesBeginning) parts.push(`directive of ${bytes(state.directivesBytes)}: ${state.directivesBeginning}…`);
+  else if (Object.keys(state.directives).length) parts.push(`directive ${JSON.stringify(state.directives)}`);
   return parts.join(', ');
 }

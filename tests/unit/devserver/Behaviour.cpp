@@ -3,10 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <string>
+
 #include "devserver/Json.h"
 
 namespace devserver {
 namespace {
+
+using platform::Value;
 
 /// Applies settings given as JSON; what is wrong with them, or nothing.
 std::string change(Behaviour& behaviour, const std::string& json) {
@@ -44,6 +49,25 @@ TEST(Behaviour, KeepsAndShowsEverySetting) {
       R"({"answer":{"body":"gone","headers":{"Location":"/shares"},"next":5,"status":307},"clock-offset":-3600,"close-every":2,)"
       R"("delay":250,"directives":{"features":3},"drop":3,"read-rate":500,"stale":{"next":1,"time":17,"tsm":"missing"},)"
       R"("status":{"code":503,"next":4}})");
+}
+
+TEST(Behaviour, SummaryIsShortHoweverLongTheSettings) {
+  Behaviour behaviour;
+  EXPECT_EQ(writeJson(behaviour.summary()), kDefaults);
+  EXPECT_EQ(change(behaviour, R"({"answer": {"status": 503, "headers": {"X": "y"}, "body": ")" + std::string(5000, 'b') +
+                                  R"(", "next": 2}, "directives": {"d": "ü"}, "delay": 1})"),
+            "");
+  EXPECT_EQ(writeJson(behaviour.summary()),
+            R"({"answer":{"bodyBytes":5000,"next":2,"status":503},"clock-offset":0,"close-every":0,"delay":1,)"
+            R"("directives":{"d":"ü"},"drop":0,"read-rate":0,"stale":null,"status":null})");
+  std::string most;
+  while (most.size() < Behaviour::kMaxDirectives - 8) most += "ü";
+  EXPECT_EQ(change(behaviour, R"({"directives": {"d": ")" + most + R"("}})"), "");
+  EXPECT_EQ(writeJson(*behaviour.summary().objectForKey("directives")), R"({"d":")" + most + R"("})");
+  EXPECT_EQ(change(behaviour, R"({"directives": {"d": ")" + most + R"(x"}})"), "");
+  EXPECT_EQ(behaviour.summary().objectForKey("directives"), std::nullopt);
+  EXPECT_EQ(behaviour.summary().objectForKey("directivesBytes"), Value(1025));
+  EXPECT_EQ(behaviour.summary().objectForKey("directivesBeginning"), Value(R"({"d":")" + most + R"(x")"));
 }
 
 TEST(Behaviour, StateCanBeGivenBack) {
