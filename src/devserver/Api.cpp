@@ -101,7 +101,7 @@ Api::Api(HawkVerifier::Keys keys, Journal& journal, Gifs& gifs, Uploads uploads,
 
 // --- One request: the header.
 
-Exchange::Exchange(Api& api, RequestHead head) : api_(api), head_(std::move(head)) {
+Exchange::Exchange(Api& api, RequestHead head) : api_(api), head_(std::move(head)), judgedAt_(api.serverTime()) {
   route();
   if (refusal_) return;
   if (head_.isAmbiguous)
@@ -169,11 +169,12 @@ void Exchange::verifyHeader() {
   auto ticket = api_.verifier_.verifyHeader({head_.method, head_.target, head_.host, head_.authorization});
   if (!ticket) return refuse(ticket.error());
   ticket_ = *std::move(ticket);
+  isSigned_ = true;
   if (route_ == Route::kGif) beginGif();
 }
 
 void Exchange::verifyFreshness() {
-  const auto fresh = api_.verifier_.verifyFreshness(*ticket_, api_.serverTime());
+  const auto fresh = api_.verifier_.verifyFreshness(*ticket_, judgeNow());
   isNonceUsedUp_ = fresh || fresh.error().reason != "Invalid nonce";
   if (!fresh) refuse(fresh.error());
 }
@@ -182,7 +183,7 @@ void Exchange::beginGif() {
   // A GIF is signed by its header alone, so all of it can be judged before the first byte of the body.
   if (api_.uploads_ == Api::Uploads::kStrict)
     verifyFreshness();
-  else if (const auto fresh = api_.verifier_.verifyUpload(*ticket_, api_.serverTime()); !fresh)
+  else if (const auto fresh = api_.verifier_.verifyUpload(*ticket_, judgeNow()); !fresh)
     refuse(fresh.error());
   if (refusal_) return;
   const auto share = head_.parameter("shareId");
@@ -194,8 +195,9 @@ void Exchange::beginGif() {
 }
 
 void Exchange::verifyLink() {
-  const auto bewit = api_.verifier_.verifyLink({head_.method, head_.target, head_.host, head_.authorization}, api_.serverTime());
+  const auto bewit = api_.verifier_.verifyLink({head_.method, head_.target, head_.host, head_.authorization}, judgeNow());
   if (!bewit) return refuse(bewit.error());
+  isSigned_ = true;
   const auto device = head_.parameter("deviceId");
   if (percentDecoded(head_.parameter("appRDNS").value_or("")) != bewit->id)
     return refuse(400, "It names another application than its signature");
@@ -458,11 +460,12 @@ Judged Exchange::judged() const {
   request.contentType = head_.contentType;
   if (head_.authorization) request.authorization = *head_.authorization;
   request.verdict = verdict_;
-  request.ticket = ticket_ ? &*ticket_ : nullptr;
+  request.isSigned = isSigned_;
   request.hash = hash_;
   request.bodyBytes = body_.size();
   request.isUpload = route_ == Route::kGif;
-  request.serverTime = api_.serverTime();
+  request.isRepeatable = request.isUpload && api_.uploads_ == Api::Uploads::kRepeatable;
+  request.serverTime = judgedAt_;
   if (ticket_) request.firstUse = api_.story_.firstUseOf(nonceKey());
   return request;
 }

@@ -156,6 +156,8 @@ class Exchange {
   bool mayAskForOwn() const;
   bool isReadByPage() const { return route_ >= Route::kPageFile && route_ <= Route::kShownGif; }
 
+  /// The server's time, which is that of the judgement from now on.
+  std::chrono::milliseconds judgeNow() { return judgedAt_ = api_.serverTime(); }
   void verifyHeader();
   /// The nonce, which is used up unless somebody was there before, and the age.
   void verifyFreshness();
@@ -206,7 +208,9 @@ class Exchange {
   const RequestHead head_;
   Route route_ = Route::kNone;
   std::optional<HawkTicket> ticket_;
+  bool isSigned_ = false;       // the MAC of the header or link is right
   bool isNonceUsedUp_ = false;  // by this request
+  std::chrono::milliseconds judgedAt_{};
   std::optional<Answer> refusal_;
   std::string verdict_ = "ok";
   std::string body_;

@@ -53,6 +53,19 @@ Dictionary applicationCheck(const std::string& id, const std::vector<std::string
   return check("application", kWrong, id + " is none of this server's applications, which are: " + known + ".");
 }
 
+/// What keeps the server from looking at a signature, and is no step of its verification.
+bool isRefusedForOther(const Judged& request, std::string_view faultOfSyntax) {
+  return !request.isSigned && request.verdict != "Bad mac" && request.verdict != "Unknown credentials" &&
+         request.verdict != "Access expired" && request.verdict != faultOfSyntax;
+}
+
+Array unlookedAt(const Judged& request) {
+  Dictionary refused =
+      check("request", kWrong, "It was refused before anybody looked at its signature: " + std::string(request.verdict) + ".");
+  if (request.verdict == "Invalid Host header") refused.setObjectForKey(Value(shown(request.host)), "came");
+  return {refused, check("signature", kUnreached, "The MAC was not looked at.")};
+}
+
 Dictionary signatureCheck(bool isRight, const std::string& text) {
   Dictionary result = isRight
                           ? check("signature", kRight, "The MAC fits the text that the server has built from the request.")
@@ -84,6 +97,8 @@ Dictionary nonceCheck(const Judged& request, const HawkAttributes& attributes, b
     result = check("nonce", kUnreached, "The nonce was not looked at.");
   else if (request.verdict == "Invalid nonce")
     result = check("nonce", kWrong, "The nonce was used before" + (request.firstUse.empty() ? "" : ": " + request.firstUse) + ".");
+  else if (request.isRepeatable)
+    result = check("nonce", kRight, "No upload with this nonce was taken before.");
   else
     result = check("nonce", kRight, "The nonce is new.");
   result.setObjectForKey(Value(attributes.nonce), "came");
@@ -94,7 +109,7 @@ Dictionary clockCheck(const Judged& request, const HawkAttributes& attributes, b
   const std::chrono::seconds came(std::strtoll(attributes.ts.c_str(), nullptr, 10));
   const std::string distance = clockDistance(came - request.serverTime);
   const std::string allowed =
-      request.isUpload ? "an upload may be 8 days behind and 60 s ahead" : "60 s to either side are allowed";
+      request.isRepeatable ? "an upload may be 8 days behind and 60 s ahead" : "60 s to either side are allowed";
   const bool isWrong = request.verdict == "Stale timestamp";
   Dictionary result =
       check("clock",
@@ -117,16 +132,16 @@ std::string clockDistance(std::chrono::milliseconds ahead) {
 
 Array checksOfHeader(const Judged& request, const std::vector<std::string>& applications) {
   const auto attributes = parseHawkAuthorization(request.authorization);
+  if (isRefusedForOther(request, attributes ? "" : attributes.error().reason)) return unlookedAt(request);
   if (!attributes) return {check("header", kWrong, "The Authorization header cannot be used: " + attributes.error().reason + ".")};
   Array steps{check("header", kRight, "The Authorization header has all that the scheme asks for.")};
   steps.addObject(Value(applicationCheck(attributes->id, applications)));
   if (!isKnown(attributes->id, applications)) return steps;
 
   const Place place = placeOf(request.host);
-  const bool isSigned = request.ticket != nullptr;
-  steps.addObject(
-      Value(signatureCheck(isSigned, hawkRequestText(*attributes, request.method, request.target, place.host, place.port))));
-  if (!isSigned) return steps;
+  steps.addObject(Value(
+      signatureCheck(request.isSigned, hawkRequestText(*attributes, request.method, request.target, place.host, place.port))));
+  if (!request.isSigned) return steps;
 
   const bool isPayloadRight = request.isUpload || (request.hash && attributes->hash == *request.hash);
   steps.addObject(Value(payloadCheck(request, *attributes)));
@@ -137,6 +152,7 @@ Array checksOfHeader(const Judged& request, const std::vector<std::string>& appl
 
 Array checksOfLink(const Judged& request, const std::vector<std::string>& applications) {
   const auto link = parseHawkLink(request.target);
+  if (isRefusedForOther(request, link ? "" : link.error().reason)) return unlookedAt(request);
   if (!link) return {check("link", kWrong, "The link's signature cannot be used: " + link.error().reason + ".")};
   Array steps{check("link", kRight, "The link has all that the scheme asks for.")};
   const std::chrono::seconds end(std::strtoll(link->bewit.exp.c_str(), nullptr, 10));
@@ -149,8 +165,7 @@ Array checksOfLink(const Judged& request, const std::vector<std::string>& applic
   steps.addObject(Value(applicationCheck(link->bewit.id, applications)));
   if (!isKnown(link->bewit.id, applications)) return steps;
   const Place place = placeOf(request.host);
-  steps.addObject(
-      Value(signatureCheck(request.verdict != "Bad mac", hawkLinkText(link->bewit, link->target, place.host, place.port))));
+  steps.addObject(Value(signatureCheck(request.isSigned, hawkLinkText(link->bewit, link->target, place.host, place.port))));
   return steps;
 }
 

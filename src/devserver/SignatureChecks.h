@@ -22,17 +22,18 @@ struct Judged {
   std::string_view host;
   std::string_view contentType;
   std::optional<std::string_view> authorization;
-  std::string_view verdict;            // "ok", or why it was refused
-  const HawkTicket* ticket = nullptr;  // there when the MAC is right
-  std::optional<std::string> hash;     // of the body that came; absent when it was not read, or is not signed
+  std::string_view verdict;         // "ok", or why it was refused
+  bool isSigned = false;            // the MAC was computed, and is right
+  std::optional<std::string> hash;  // of the body that came; absent when it was not read, or is not signed
   std::size_t bodyBytes = 0;
-  bool isUpload = false;                 // signed by its header alone, and for days
-  std::chrono::milliseconds serverTime;  // by the clock that the request was judged with
-  std::string firstUse;                  // when the nonce came before; empty where that is not known
+  bool isUpload = false;                 // signed by its header alone
+  bool isRepeatable = false;             // an upload whose signature is good for days, until it was taken once
+  std::chrono::milliseconds serverTime;  // when it was judged, by the clock that it was judged with
+  std::string firstUse;                  // when the nonce was used up before; empty where that is not known
 };
 
-/// `[{"step", "state", "say", ...}]`, the steps in the order of their verification. The state is "right", "wrong" or "unreached";
-/// "came", "computed" and "text" are there where they help.
+/// `[{"step", "state", "say", ...}]`, the steps in the order of their verification, or why there was none. The state is "right",
+/// "wrong" or "unreached"; "came", "computed" and "text" are there where they help.
 platform::Array checksOfHeader(const Judged& request, const std::vector<std::string>& applications);
 /// The same for a signed link.
 platform::Array checksOfLink(const Judged& request, const std::vector<std::string>& applications);

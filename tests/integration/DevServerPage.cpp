@@ -30,7 +30,9 @@ const std::string kBatch = R"({"data":[{"event":"opened","eventData":{"sessionId
 
 class DevServerPage : public ::testing::Test {
  protected:
-  DevServerPage() { process_.digest = std::make_shared<platform::OpenSSLDigest>(); }
+  explicit DevServerPage(const std::vector<std::string>& arguments = {}) : server_(arguments) {
+    process_.digest = std::make_shared<platform::OpenSSLDigest>();
+  }
 
   struct Signing {
     std::string target = "/events";
@@ -269,6 +271,49 @@ TEST_F(DevServerPage, LongMisbehaviourIsToldInShortHoweverManyRequestsUseItUp) {
   EXPECT_EQ(state.objectForKey("directives"), std::nullopt);
   EXPECT_EQ(state.objectForKey("directivesBytes"), Value(20'011));
   EXPECT_EQ(text(state, "directivesBeginning"), R"({"long":")" + std::string(1024 - 9, 'd'));
+}
+
+TEST_F(DevServerPage, RequestThatIsRefusedForItsHostHasNoWrongMac) {
+  std::string request = signedPost({});
+  const std::string host = "Host: " + server_.host();
+  exchange(std::string(request).replace(request.find(host), host.size(), "Host: localhost:port"));
+  EXPECT_EQ(told("request"), "wrong: It was refused before anybody looked at its signature: Invalid Host header.");
+  EXPECT_EQ(told("signature"), "unreached: The MAC was not looked at.");
+  exchange(std::string(request).insert(request.find(host), host + "\r\n"));
+  EXPECT_EQ(told("signature"), "unreached: The MAC was not looked at.");
+  // com.example.app\\1795206039\\m\\ in base64url
+  get("/cookie-match?bewit=Y29tLmV4YW1wbGUuYXBwXDE3OTUyMDYwMzlcbVw", "Authorization: Hawk\r\n");
+  EXPECT_EQ(told("request"), "wrong: It was refused before anybody looked at its signature: Multiple authentications.");
+  EXPECT_EQ(told("signature"), "unreached: The MAC was not looked at.");
+}
+
+TEST_F(DevServerPage, UploadIsJudgedByTheTimeAtWhichItBegan) {
+  const std::string request = signedPost({.target = "/gifs?shareId=abc", .body = "GIF89a;"});
+  const auto end = request.find("\r\n\r\n");
+  HttpsClient client(server_.port(), server_.authorityFile());
+  ASSERT_TRUE(client.send(request.substr(0, end) + "\r\nExpect: 100-continue\r\n\r\n"));
+  ASSERT_EQ(client.read().value_or(HttpAnswer()).status, 100);  // it has been judged
+  ASSERT_EQ(server_.misbehave(R"({"clock-offset": 7200})"), "");
+  ASSERT_TRUE(client.send(request.substr(end + 4)));
+  ASSERT_EQ(client.read().value_or(HttpAnswer()).status, 200);
+  EXPECT_THAT(told("clock"), ::testing::MatchesRegex("right: The signature's time is [0-9][0-9]?\\.[0-9] s [a-z ]*the server; "
+                                                     "an upload may be 8 days behind and 60 s ahead\\."));
+  EXPECT_EQ(told("nonce"), "right: No upload with this nonce was taken before.");
+}
+
+class DevServerPageOfStrictUploads : public DevServerPage {
+ protected:
+  DevServerPageOfStrictUploads() : DevServerPage({"--strict-uploads"}) {}
+};
+
+TEST_F(DevServerPageOfStrictUploads, UploadIsToldToBeGoodForAMinute) {
+  const std::string request = signedPost({.target = "/gifs?shareId=abc", .body = "GIF89a;"});
+  EXPECT_EQ(exchange(request).status, 200);
+  EXPECT_EQ(told("nonce"), "right: The nonce is new.");
+  EXPECT_THAT(told("clock"), ::testing::EndsWith("; 60 s to either side are allowed."));
+  const std::string number = std::to_string(items().front().objectForKey("n")->integerValue());
+  EXPECT_EQ(exchange(request).status, 401);
+  EXPECT_THAT(told("nonce"), HasSubstr("wrong: The nonce was used before: number " + number + ", at "));
 }
 
 // --- The stream.

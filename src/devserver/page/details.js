@@ -8,7 +8,7 @@ const LINES = {
   'hawk.1.bewit': ['what is signed', 'end', 'nonce', 'method', 'path and query', 'host', 'port', 'payload hash', 'ext'],
 };
 const STEPS = {
-  header: 'Header', link: 'Link', application: 'Application', signature: 'Signature', payload: 'Payload hash', nonce: 'Nonce', clock: 'Clock',
+  request: 'Request', header: 'Header', link: 'Link', application: 'Application', signature: 'Signature', payload: 'Payload hash', nonce: 'Nonce', clock: 'Clock',
 };
 const COMPUTED = { payload: 'the server computed', clock: 'the server\'s time' };
 

@@ -35,13 +35,17 @@ class SignatureChecksTest : public ::testing::Test {
     request_.serverTime = std::chrono::milliseconds(1'795'205'979'400);
   }
   void makeSigned() {
-    ticket_ = HawkTicket{parseHawkAuthorization(kHeader).value(), "key"};
-    request_.ticket = &*ticket_;
+    request_.isSigned = true;
     request_.hash = "HASH=";
   }
   std::vector<std::string> told() const {
     std::vector<std::string> lines;
     for (const Value& value : checksOfHeader(request_, kApplications)) lines.push_back(line(value.object()));
+    return lines;
+  }
+  std::vector<std::string> linkTold() const {
+    std::vector<std::string> lines;
+    for (const Value& value : checksOfLink(request_, kApplications)) lines.push_back(line(value.object()));
     return lines;
   }
   static std::string text(const Dictionary& check, const char* key) {
@@ -58,7 +62,6 @@ class SignatureChecksTest : public ::testing::Test {
   }
 
   Judged request_;
-  std::optional<HawkTicket> ticket_;
   static constexpr const char* kHeaderIsRight = "header right: The Authorization header has all that the scheme asks for.";
   static constexpr const char* kIdIsRight = "application right: com.example.app is an application of this server.";
   static constexpr const char* kMacIsRight = "signature right: The MAC fits the text that the server has built from the request.";
@@ -77,13 +80,16 @@ TEST_F(SignatureChecksTest, RightInAllSteps) {
 
 TEST_F(SignatureChecksTest, HeaderThatCannotBeUsed) {
   request_.authorization = "Hawk nonsense";
+  request_.verdict = "Bad header format";
   EXPECT_THAT(told(), ElementsAre("header wrong: The Authorization header cannot be used: Bad header format."));
   request_.authorization.reset();
+  request_.verdict = "No Authorization header";
   EXPECT_THAT(told(), ElementsAre("header wrong: The Authorization header cannot be used: No Authorization header."));
 }
 
 TEST_F(SignatureChecksTest, UnknownApplication) {
   request_.authorization = R"(Hawk id="com.example.unknown", ts="1", nonce="n", mac="m")";
+  request_.verdict = "Unknown credentials";
   EXPECT_THAT(told(), ElementsAre(kHeaderIsRight,
                                   "application wrong: com.example.unknown is none of this server's applications, which are: "
                                   "com.example.app, com.example.other."));
@@ -100,6 +106,7 @@ TEST_F(SignatureChecksTest, WrongMacShowsTheTextThatWasBuiltAndNoMac) {
 }
 
 TEST_F(SignatureChecksTest, HostWithoutPortAndWithBrackets) {
+  makeSigned();
   request_.host = "localhost";
   EXPECT_THAT(text(step("signature"), "text"), HasSubstr("\nlocalhost\n443\n"));
   request_.host = "[::1]:8443";
@@ -134,7 +141,6 @@ TEST_F(SignatureChecksTest, FieldsThatAreNoTextCanBeShown) {
 
 TEST_F(SignatureChecksTest, MissingHashAndUnreadBody) {
   makeSigned();
-  ticket_->attributes.hash.reset();
   request_.authorization = R"(Hawk id="com.example.app", ts="1795205979", nonce="abc", mac="m")";
   request_.verdict = "Missing required payload hash";
   EXPECT_EQ(told().at(3), "payload wrong: The header has no hash, so that the body is not signed.");
@@ -165,33 +171,68 @@ TEST_F(SignatureChecksTest, StaleTime) {
 TEST_F(SignatureChecksTest, UploadIsSignedByItsHeaderForDays) {
   makeSigned();
   request_.isUpload = true;
+  request_.isRepeatable = true;
   request_.hash.reset();
   const auto lines = told();
   EXPECT_EQ(lines.at(3), "payload right: An upload is signed by its header alone.");
+  EXPECT_EQ(lines.at(4), "nonce right: No upload with this nonce was taken before.");
   EXPECT_EQ(lines.at(5),
             "clock right: The signature's time is 0.4 s behind the server; an upload may be 8 days behind and 60 s ahead.");
 }
 
-TEST_F(SignatureChecksTest, Link) {
-  const auto lines = [&] {
-    std::vector<std::string> all;
-    for (const Value& value : checksOfLink(request_, kApplications)) all.push_back(line(value.object()));
-    return all;
+TEST_F(SignatureChecksTest, UploadThatMayNotBeRepeatedIsAsOldAsAnythingElse) {
+  makeSigned();
+  request_.isUpload = true;
+  request_.hash.reset();
+  const auto lines = told();
+  EXPECT_EQ(lines.at(3), "payload right: An upload is signed by its header alone.");
+  EXPECT_EQ(lines.at(4), "nonce right: The nonce is new.");
+  EXPECT_EQ(lines.at(5), "clock right: The signature's time is 0.4 s behind the server; 60 s to either side are allowed.");
+}
+
+TEST_F(SignatureChecksTest, MacThatNobodyComputedIsNeitherRightNorWrong) {
+  request_.verdict = "Invalid Host header";
+  request_.host = "a:b";
+  const auto refused = [](const std::string& verdict) {
+    return ElementsAre("request wrong: It was refused before anybody looked at its signature: " + verdict + ".",
+                       "signature unreached: The MAC was not looked at.");
   };
+  EXPECT_THAT(told(), refused("Invalid Host header"));
+  EXPECT_EQ(text(step("request"), "came"), "a:b");
+  request_.verdict = "Host must stand once, and Authorization no more than once";
+  EXPECT_THAT(told(), refused("Host must stand once, and Authorization no more than once"));
+  EXPECT_EQ(step("request").objectForKey("came"), std::nullopt);
+  request_.authorization = "Hawk nonsense";
+  EXPECT_THAT(told(), refused("Host must stand once, and Authorization no more than once"));
+
+  request_.target = "/cookie-match?a=b&bewit=Y29tLmV4YW1wbGUuYXBwXDE3OTUyMDYwMzlcbVw";
+  for (const char* verdict : {"Invalid method", "Multiple authentications", "Invalid Host header"}) {
+    request_.verdict = verdict;
+    EXPECT_THAT(linkTold(), refused(verdict));
+  }
+  request_.target = "/cookie-match?a=b";
+  EXPECT_THAT(linkTold(), refused("Invalid Host header"));
+}
+
+TEST_F(SignatureChecksTest, Link) {
   request_.method = "GET";
   request_.target = "/cookie-match?a=b";
-  EXPECT_THAT(lines(), ElementsAre("link wrong: The link's signature cannot be used: No bewit, or more than one."));
+  request_.verdict = "No bewit, or more than one";
+  EXPECT_THAT(linkTold(), ElementsAre("link wrong: The link's signature cannot be used: No bewit, or more than one."));
   // com.example.app\1795206039\m\ in base64url
   request_.target = "/cookie-match?a=b&bewit=Y29tLmV4YW1wbGUuYXBwXDE3OTUyMDYwMzlcbVw";
-  EXPECT_THAT(lines(), ElementsAre("link right: The link has all that the scheme asks for.",
-                                   "clock right: The link's end is 59.6 s ahead of the server.", kIdIsRight, kMacIsRight));
+  request_.verdict = "ok";
+  request_.isSigned = true;
+  EXPECT_THAT(linkTold(), ElementsAre("link right: The link has all that the scheme asks for.",
+                                      "clock right: The link's end is 59.6 s ahead of the server.", kIdIsRight, kMacIsRight));
   request_.verdict = "Bad mac";
+  request_.isSigned = false;
   EXPECT_EQ(text(checksOfLink(request_, kApplications)[3].object(), "text"),
             "hawk.1.bewit\n1795206039\n\nGET\n/cookie-match?a=b\nlocalhost\n8443\n\n\n");
   request_.verdict = "Access expired";
   request_.serverTime += std::chrono::seconds(100);
-  EXPECT_THAT(lines(), ElementsAre("link right: The link has all that the scheme asks for.",
-                                   "clock wrong: The link's end is 40.4 s behind the server."));
+  EXPECT_THAT(linkTold(), ElementsAre("link right: The link has all that the scheme asks for.",
+                                      "clock wrong: The link's end is 40.4 s behind the server."));
 }
 
 }  // namespace
