@@ -13,6 +13,8 @@
 #include <string_view>
 #include <utility>
 
+#include "devserver/HttpDate.h"
+
 namespace devserver {
 namespace {
 
@@ -65,6 +67,7 @@ class Stream {
 using Parser = http::request_parser<http::buffer_body>;
 
 std::string_view viewOf(beast::string_view text) { return {text.data(), text.size()}; }
+beast::string_view beastView(std::string_view text) { return {text.data(), text.size()}; }
 
 bool isPrintable(std::string_view text) {
   return std::ranges::all_of(text, [](char c) { return c > ' ' && c <= '~'; });
@@ -88,17 +91,24 @@ RequestHead headOf(const Parser& parser, std::uint64_t connection) {
   return head;
 }
 
-/// The status line and the fields that an answer itself has.
-std::string wireHead(const Answer& answer) {
+bool hasField(const Answer& answer, std::string_view name) {
+  return std::ranges::any_of(answer.fields,
+                             [&](const auto& field) { return beast::iequals(beastView(field.first), beastView(name)); });
+}
+
+/// The status line, the fields that an answer itself has, and the server's time, which an answer that was ordered may tell
+/// otherwise.
+std::string wireHead(const Answer& answer, std::chrono::milliseconds serverTime) {
   const std::string_view reason = viewOf(http::obsolete_reason(http::int_to_status(static_cast<unsigned>(answer.status))));
   std::string text = "HTTP/1.1 " + std::to_string(answer.status) + " " + std::string(reason) + "\r\n";
   for (const auto& [name, value] : answer.fields) text.append(name).append(": ").append(value).append("\r\n");
+  if (!hasField(answer, "Date")) text += "Date: " + httpDate(serverTime) + "\r\n";
   return text;
 }
 
 /// The text of an answer on the wire.
-std::string wireText(const Answer& answer, bool close, bool withBody) {
-  std::string text = wireHead(answer);
+std::string wireText(const Answer& answer, std::chrono::milliseconds serverTime, bool close, bool withBody) {
+  std::string text = wireHead(answer, serverTime);
   if (answer.status != 204 && answer.status != 304) text += "Content-Length: " + std::to_string(answer.body.size()) + "\r\n";
   if (close) text += "Connection: close\r\n";
   text += "\r\n";
@@ -192,9 +202,8 @@ class Session {
     const bool waits = parser.get().count(http::field::expect) > 0 && !parser.is_done();
     const bool close = !parser.get().keep_alive() || waits || restOf(parser) > kMaxThrownAway || isClosing(*reaction.answer);
     const bool withBody = parser.get().method() != http::verb::head;
-    const bool announced =
-        std::ranges::any_of(reaction.answer->fields, [](const auto& field) { return isConnection(field.first); });
-    if (!connection_.write(wireText(*reaction.answer, close && !announced, withBody))) return false;
+    const bool announced = hasField(*reaction.answer, "Connection");
+    if (!connection_.write(wireText(*reaction.answer, api_.serverTime(), close && !announced, withBody))) return false;
     if (close) {
       if (parser.is_done())
         connection_.closeOrderly();
@@ -212,7 +221,7 @@ class Session {
 
   /// Sends the feed's items as they come, until one side ends. No other request follows.
   bool follow(const Answer& answer, std::uint64_t last) {
-    bool isThere = connection_.write(wireHead(answer) + "Connection: close\r\n\r\n" + answer.body);
+    bool isThere = connection_.write(wireHead(answer, api_.serverTime()) + "Connection: close\r\n\r\n" + answer.body);
     while (isThere && !stop_.isRaised()) {
       const Feed::Chunk chunk = api_.feed().after(last, kLiveChunk, kHeartbeat);
       last = chunk.last;
@@ -223,11 +232,9 @@ class Session {
     return false;
   }
 
-  static bool isConnection(std::string_view name) { return beast::iequals({name.data(), name.size()}, "Connection"); }
-
   static bool isClosing(const Answer& answer) {
     return std::ranges::any_of(answer.fields, [](const auto& field) {
-      return isConnection(field.first) && beast::iequals({field.second.data(), field.second.size()}, "close");
+      return beast::iequals(beastView(field.first), "Connection") && beast::iequals(beastView(field.second), "close");
     });
   }
 
@@ -260,7 +267,7 @@ class Session {
   bool refuseUnparsed(int status, const std::string& reason) {
     printLine(timeText() + " " + std::to_string(status) + " - - " + reason);
     const Answer refusal{status, {{"Content-Type", "text/plain; charset=utf-8"}}, reason + "\n"};
-    if (connection_.write(wireText(refusal, true, true))) connection_.closeLingering();
+    if (connection_.write(wireText(refusal, api_.serverTime(), true, true))) connection_.closeLingering();
     return false;
   }
 

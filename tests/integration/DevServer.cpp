@@ -559,12 +559,13 @@ TEST_F(DevServerTest, WholeAnswerForTheNextRequest) {
   const HttpAnswer answer = exchange(server, Request());
   EXPECT_EQ(answer.status, 307);
   EXPECT_EQ(answer.fields,
-            (std::map<std::string, std::string>{{"location", "/shares"}, {"x-odd", "a, b"}, {"content-length", "9"}}));
+            (std::map<std::string, std::string>{
+                {"location", "/shares"}, {"x-odd", "a, b"}, {"content-length", "9"}, {"date", answer.field("date")}}));
   EXPECT_EQ(answer.body, "see there");
   ASSERT_EQ(server.misbehave(R"({"answer": {"status": 204}})"), "");
   const HttpAnswer empty = exchange(server, Request());
   EXPECT_EQ(empty.status, 204);
-  EXPECT_TRUE(empty.fields.empty());
+  EXPECT_EQ(empty.fields, (std::map<std::string, std::string>{{"date", empty.field("date")}}));
   ASSERT_EQ(server.misbehave(R"({"answer": {"body": [1]}})"), "");
   EXPECT_EQ(exchange(server, Request()).body, "[1]");
   EXPECT_EQ(exchange(server, Request()).body, "{}");
@@ -719,6 +720,41 @@ TEST_F(DevServerTest, CurlTrustsItByTheEnvironmentOnEveryAddress) {
     EXPECT_STREQ(line.data(), "200") << address;
     EXPECT_EQ(::pclose(output), 0);
   }
+}
+
+// --- The time that it tells.
+
+TEST_F(DevServerTest, EveryAnswerTellsTheServersTime) {
+  DevServer server({"--clock-offset", "-86400"});
+  const auto expectDate = [](const HttpAnswer& answer, int status) {
+    EXPECT_EQ(answer.status, status);
+    std::tm time{};
+    ASSERT_NE(::strptime(answer.field("date").c_str(), "%a, %d %b %Y %H:%M:%S GMT", &time), nullptr) << answer.field("date");
+    EXPECT_NEAR(static_cast<double>(::timegm(&time)), static_cast<double>(std::time(nullptr) - 86400), 60);
+  };
+  Request request;
+  request.clockOffset = -86400;
+  expectDate(exchange(server, request), 200);
+  expectDate(exchange(server, Request()), 401);
+  expectDate(get(server, "/"), 200);
+  expectDate(get(server, "/nowhere"), 404);
+  expectDate(exchange(server, "nonsense\r\n\r\n"), 400);
+  ASSERT_EQ(server.misbehave(R"({"answer": {"status": 204}})"), "");
+  expectDate(exchange(server, Request()), 204);
+  HttpsClient stream(server.port(), server.authorityFile());
+  ASSERT_TRUE(stream.send("GET /dev/feed/live HTTP/1.1\r\nHost: " + server.host() + "\r\n\r\n"));
+  ASSERT_TRUE(stream.waitFor("event: hello"));
+  EXPECT_THAT(stream.received(), HasSubstr("\r\nDate: "));
+}
+
+TEST_F(DevServerTest, OrderedAnswerMayTellATimeOfItsOwn) {
+  DevServer server;
+  ASSERT_EQ(server.misbehave(R"({"answer": {"headers": {"date": "yesterday"}, "body": "late"}})"), "");
+  HttpsClient client(server.port(), server.authorityFile());
+  ASSERT_TRUE(client.send(wire(Request(), server)));
+  ASSERT_TRUE(client.waitFor("late"));
+  EXPECT_THAT(client.received(), HasSubstr("\r\ndate: yesterday\r\n"));
+  EXPECT_THAT(client.received(), Not(HasSubstr("Date: ")));
 }
 
 // --- Starting and stopping.

@@ -46,10 +46,10 @@ TEST_F(Doctor, FindsAllWellBesideAServerThatAnswers) {
   const DevServer server;
   const Run done = examine(&server);
   EXPECT_EQ(done.end, "exited with 0") << done.output << done.errors;
-  for (const char* subject : {"application", "secret", "folder", "queue", "server", "uploads"})
+  for (const char* subject : {"application", "secret", "folder", "queue", "server", "clock", "uploads"})
     EXPECT_EQ(text(done, subject, "state"), "well") << subject << ": " << text(done, subject, "what");
   EXPECT_EQ(text(done, "last run", "state"), "nothing on last run");
-  EXPECT_EQ(text(done, "clock", "what"), "the stored correction is 0 s; no server told a time to compare with");
+  EXPECT_EQ(text(done, "clock", "what"), "the stored correction is 0 s, and agrees with the server's");
   EXPECT_EQ(text(done, "queue", "what"), "is empty: nothing waits");
   EXPECT_EQ(text(done, "server", "what"), server.host() + " answers, and its certificate is trusted");
   EXPECT_THAT(done.output + done.errors, Not(HasSubstr(DevServer::kSecret)));
@@ -109,6 +109,24 @@ TEST_F(Doctor, AClockThatIsFarFromTheServersIsANotice) {
   EXPECT_EQ(text(done, "server", "state"), "well");
   EXPECT_EQ(text(done, "clock", "state"), "notice");
   EXPECT_THAT(text(done, "clock", "what"), HasSubstr(" s away from the server's"));
+}
+
+TEST_F(Doctor, AClockThatIsFarFromTheDevelopmentServersIsANotice) {
+  const DevServer server({"--clock-offset", "7200"});
+  const Run done = examine(&server);
+  EXPECT_EQ(text(done, "clock", "state"), "notice");
+  EXPECT_THAT(text(done, "clock", "what"),
+              testing::MatchesRegex("the stored correction is 0 s, and is 7[12][0-9][0-9] s away from the server's"));
+}
+
+TEST_F(Doctor, AServerThatTellsNoTimeIsANotice) {
+  TlsTestServer server([](TlsTestServer::Connection& connection) {
+    while (connection.readRequest()) connection.send({404, {}, ""});
+  });
+  const Run done = examine(nullptr, {{"KESTROVA_API_HOST", "localhost:" + std::to_string(server.port())},
+                                     {"SSL_CERT_FILE", certificateAuthorityFile()}});
+  EXPECT_EQ(text(done, "clock", "state"), "notice");
+  EXPECT_EQ(text(done, "clock", "what"), "the stored correction is 0 s; no server told a time to compare with");
 }
 
 TEST_F(Doctor, WhatIsNotGivenIsNamed) {
