@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -21,6 +23,8 @@ namespace platform {
 namespace {
 
 constexpr const char* kName = "trace.socket";
+/// Locked by the one who watches, for as long as it does: between making the socket and listening on it looks like being dead.
+constexpr const char* kLockName = "trace.lock";
 
 /// By way of the folder's descriptor: a path may be too long for an address.
 sockaddr_un addressIn(const FileDescriptor& folder) {
@@ -64,10 +68,10 @@ pid_t processBehind(int connection) {
 
 }  // namespace
 
-TraceSocket::TraceSocket(const SystemOptions& options) : folder_(ApplicationFolder(options).path()) {}
+TraceSocket::TraceSocket(const SystemOptions& options) : path_(ApplicationFolder(options).path()) {}
 
 void TraceSocket::take(std::string_view line) {
-  if (!folder_) return;
+  if (!path_) return;
   const int before = errno;  // of the code that is being traced
   {
     const std::lock_guard lock(mutex_);
@@ -80,10 +84,23 @@ void TraceSocket::take(std::string_view line) {
   errno = before;
 }
 
+bool TraceSocket::findFolder() {
+  struct stat there{};
+  if (::stat(path_->c_str(), &there) != 0) return folder_.close(), false;
+  // While it is open here, no other folder gets its number.
+  if (folder_.isOpen() && there.st_dev == device_ && there.st_ino == number_) return true;
+  auto opened = FileDescriptor::open(*path_, O_PATH | O_DIRECTORY);
+  if (!opened || ::fstat(opened->get(), &there) != 0) return folder_.close(), false;
+  folder_ = *std::move(opened);
+  device_ = there.st_dev;
+  number_ = there.st_ino;
+  return true;
+}
+
 bool TraceSocket::connect() {
+  if (!findFolder()) return false;
   if (!socket_.isOpen()) socket_ = packetSocket();
-  const auto folder = FileDescriptor::open(*folder_, O_PATH | O_DIRECTORY);
-  isConnected_ = folder && connectTo(socket_, *folder) == 0;
+  isConnected_ = connectTo(socket_, folder_) == 0;
   leftOut_ = 0;
   return isConnected_;
 }
@@ -105,11 +122,15 @@ std::expected<TraceListener, Error> TraceListener::open(const SystemOptions& opt
   auto folder = FileDescriptor::open(*path, O_PATH | O_DIRECTORY);
   if (!folder) return failure(folder.error(), *path);
   std::string name = *path + "/" + kName;
+  auto lock = FileDescriptor::open(*path + "/" + kLockName, O_RDWR | O_CREAT);
+  if (!lock) return failure(lock.error(), *path + "/" + kLockName);
+  // A file system without locks has other errors, and is no reason to watch nothing.
+  if (::flock(lock->get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return failure(EADDRINUSE, name);
   FileDescriptor socket = packetSocket();
   if (!socket.isOpen()) return failure(errno, name);
   if (const int error = bindInPlaceOfTheDead(socket, *folder)) return failure(error, name);
   if (::listen(socket.get(), SOMAXCONN) != 0) return failure(errno, name);
-  return TraceListener(std::move(name), std::move(*folder), std::move(socket));
+  return TraceListener(std::move(name), *std::move(lock), *std::move(folder), std::move(socket));
 }
 
 TraceListener::~TraceListener() {

@@ -1,6 +1,6 @@
 // The debug trace of a running application, passed on over a Unix socket in the application's own folder (unix(7)).
 //
-// The one who watches makes the socket, so an application that nobody watches makes three system calls for each line and no file.
+// The one who watches makes the socket, so an application that nobody watches makes two system calls for each line and no file.
 // Each packet of the SOCK_SEQPACKET connection is a line. The folder is its user's alone, and so is the trace.
 #pragma once
 
@@ -36,11 +36,16 @@ class TraceSocket final : public TraceSink {
   void take(std::string_view line) override;
 
  private:
+  /// Opens the folder that is at the path now: it may have been made, or have taken another one's place, since the line before.
+  bool findFolder();
   bool connect();
   bool send(std::string_view line);
 
-  const std::optional<std::string> folder_;
+  const std::optional<std::string> path_;
   std::mutex mutex_;  // guards what follows
+  FileDescriptor folder_;
+  dev_t device_ = 0;  // of the folder
+  ino_t number_ = 0;
   FileDescriptor socket_;
   bool isConnected_ = false;
   std::uint64_t leftOut_ = 0;
@@ -51,8 +56,8 @@ class TraceListener {
  public:
   using Lines = std::function<void(pid_t process, std::string_view line)>;
 
-  /// Makes the application's folder when it is missing, and the socket in it. Fails with an error of kPOSIXErrorDomain: EADDRINUSE
-  /// when somebody else watches already, ENOENT when there is no home.
+  /// Makes the application's folder when it is missing, and the socket in it, with a lock file beside it that stays. Fails with an
+  /// error of kPOSIXErrorDomain: EADDRINUSE when somebody else watches already, ENOENT when there is no home.
   static std::expected<TraceListener, Error> open(const SystemOptions& options);
   TraceListener(TraceListener&&) = default;
   TraceListener& operator=(TraceListener&&) = delete;
@@ -65,12 +70,13 @@ class TraceListener {
   int follow(const Lines& lines, int stop);
 
  private:
-  TraceListener(std::string path, FileDescriptor folder, FileDescriptor socket)
-      : path_(std::move(path)), folder_(std::move(folder)), socket_(std::move(socket)) {}
+  TraceListener(std::string path, FileDescriptor lock, FileDescriptor folder, FileDescriptor socket)
+      : path_(std::move(path)), lock_(std::move(lock)), folder_(std::move(folder)), socket_(std::move(socket)) {}
   void accept();
   bool receive(int connection, bool hasEnded, const Lines& lines);
 
   std::string path_;
+  FileDescriptor lock_;
   FileDescriptor folder_;
   FileDescriptor socket_;
   std::map<int, std::pair<FileDescriptor, pid_t>> connections_;

@@ -7,11 +7,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
+#include <barrier>
 #include <cerrno>
 #include <filesystem>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -83,6 +87,14 @@ class TraceSocketTest : public testing::Test {
     if (!opened) throw std::runtime_error(opened.error().localizedDescription());
     return *std::move(opened);
   }
+  /// The socket of a watcher that was killed.
+  void leaveDeadSocket() const {
+    {
+      const TraceListener killed = listener();
+      std::filesystem::rename(socketPath(), socketPath() + ".dead");
+    }
+    std::filesystem::rename(socketPath() + ".dead", socketPath());
+  }
   std::string socketPath() const { return home_.path() + subfolder_ + "/com.example.app/trace.socket"; }
 
   test::TemporaryDirectory home_;
@@ -128,11 +140,67 @@ TEST_F(TraceSocketTest, OneWatcherAtATimeAndADeadOnesSocketIsTakenOver) {
     ASSERT_FALSE(second);
     EXPECT_EQ(second.error().code(), EADDRINUSE);
     EXPECT_TRUE(std::filesystem::exists(socketPath())) << "that of the first stays";
-    std::filesystem::rename(socketPath(), socketPath() + ".dead");
   }
-  std::filesystem::rename(socketPath() + ".dead", socketPath());
+  leaveDeadSocket();
   Watcher watcher(listener());
   TraceSocket socket(options());
+  socket.take("heard");
+  EXPECT_TRUE(watcher.waitForLines(1));
+}
+
+TEST_F(TraceSocketTest, OfWatchersThatBeginInTheSameMomentOneDoes) {
+  constexpr int kWatchers = 4;
+  for (int round = 0; round < 300; ++round) {
+    if (round % 2 == 1) leaveDeadSocket();  // which each of them finds, and would put its own in the place of
+    std::barrier together(kWatchers);
+    std::atomic<int> begun = 0;
+    std::atomic<int> refused = 0;
+    std::vector<std::jthread> threads;
+    for (int count = 0; count < kWatchers; ++count)
+      threads.emplace_back([&] {
+        together.arrive_and_wait();
+        const auto opened = TraceListener::open(options());
+        if (opened) ++begun;
+        if (!opened && opened.error().code() == EADDRINUSE) ++refused;
+        together.arrive_and_wait();  // nobody ends before all have tried
+      });
+    threads.clear();
+    ASSERT_EQ(begun, 1) << "in round " << round;
+    ASSERT_EQ(refused, kWatchers - 1) << "in round " << round;
+  }
+}
+
+TEST_F(TraceSocketTest, TheFolderIsHeldOpenAndLeftForOneThatTakesItsPlace) {
+  const std::string folder = home_.path() + "/com.example.app";
+  const auto held = [&](const std::string& path) {
+    return std::ranges::count_if(std::filesystem::directory_iterator("/proc/self/fd"), [&](const auto& descriptor) {
+      std::error_code gone;  // that of the listing itself
+      return std::filesystem::read_symlink(descriptor.path(), gone) == path;
+    });
+  };
+  TraceSocket socket(options());
+  socket.take("there is no folder yet");
+  std::filesystem::create_directories(folder);
+  for (int line = 0; line < 3; ++line) {
+    socket.take("nobody hears this");
+    EXPECT_EQ(held(folder), 1);
+  }
+  std::filesystem::rename(folder, folder + ".old");
+  Watcher watcher(listener());
+  socket.take("heard");
+  EXPECT_TRUE(watcher.waitForLines(1));
+  EXPECT_EQ(held(folder + ".old"), 0);
+}
+
+TEST_F(TraceSocketTest, AFolderThatIsGoneIsNotHeld) {
+  const std::string folder = home_.path() + "/com.example.app";
+  std::filesystem::create_directories(folder);
+  TraceSocket socket(options());
+  socket.take("nobody hears this");
+  std::filesystem::remove_all(folder);
+  socket.take("nor this");
+  std::filesystem::create_directories(folder);
+  Watcher watcher(listener());
   socket.take("heard");
   EXPECT_TRUE(watcher.waitForLines(1));
 }
