@@ -3,54 +3,54 @@
 //     cc -std=c99 app.c $(pkg-config --cflags --libs kestrova) -lpthread -o app && ./app [API-HOST]
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include "kestrova.h"
 
-/* The main queue: blocks wait in a ring until the main loop takes them. */
-#define MAX_BLOCKS 64
-static struct {
+/* The main queue: a list in which blocks wait until the main loop takes them. It grows, because a block may submit others, and
+   nobody would run them while it waited for room. */
+struct entry {
   kestrova_run run;
   void* block;
-} blocks[MAX_BLOCKS];
-static int first_block, block_count, should_end;
+  struct entry* next;
+};
+static struct entry* first;
+static struct entry** end = &first;
+static int should_end;
 static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t changed = PTHREAD_COND_INITIALIZER;
 
 static void execute(void* context, kestrova_run run, void* block) {
   (void)context;
+  struct entry* added = malloc(sizeof *added);
+  if (!added) abort();
+  *added = (struct entry){.run = run, .block = block};
   pthread_mutex_lock(&mutex);
-  while (block_count == MAX_BLOCKS) pthread_cond_wait(&changed, &mutex);
-  blocks[(first_block + block_count) % MAX_BLOCKS].run = run;
-  blocks[(first_block + block_count) % MAX_BLOCKS].block = block;
-  ++block_count;
-  pthread_cond_broadcast(&changed);
+  *end = added;
+  end = &added->next;
+  pthread_cond_signal(&changed);
   pthread_mutex_unlock(&mutex);
 }
 
-static void run_main_queue(void) {
+/* Waits for a block; null when the host is to end and none is left. */
+static struct entry* next_entry(void) {
   pthread_mutex_lock(&mutex);
-  while (!should_end) {
-    if (block_count == 0) {
-      pthread_cond_wait(&changed, &mutex);
-      continue;
-    }
-    kestrova_run run = blocks[first_block].run;
-    void* block = blocks[first_block].block;
-    first_block = (first_block + 1) % MAX_BLOCKS;
-    --block_count;
-    pthread_cond_broadcast(&changed);
-    pthread_mutex_unlock(&mutex);
-    run(block);
-    pthread_mutex_lock(&mutex);
-  }
+  while (!first && !should_end) pthread_cond_wait(&changed, &mutex);
+  struct entry* next = first;
+  if (next && !(first = next->next)) end = &first;
   pthread_mutex_unlock(&mutex);
+  return next;
+}
+
+static void run_main_queue(void) {
+  for (struct entry* entry; (entry = next_entry()) != NULL; free(entry)) entry->run(entry->block);
 }
 
 static void* wait_for_enter(void* nothing) {
   (void)getchar();
   pthread_mutex_lock(&mutex);
   should_end = 1;
-  pthread_cond_broadcast(&changed);
+  pthread_cond_signal(&changed);
   pthread_mutex_unlock(&mutex);
   return nothing;
 }
@@ -87,5 +87,7 @@ int main(int argc, char** argv) {
   fflush(stdout);
   run_main_queue();
   pthread_join(input, NULL);
-  return succeeded("release", kestrova_release(client)) ? 0 : 1;
+  if (!succeeded("release", kestrova_release(client))) return 1;
+  run_main_queue(); /* the blocks that came until then hold memory of the library */
+  return 0;
 }

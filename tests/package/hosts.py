@@ -262,6 +262,19 @@ class Hosts(unittest.TestCase):
     def test_c_shared(self):
         self.assert_share_arrives(self.c_program("kestrova"), LD_LIBRARY_PATH=self.installed / "lib")
 
+    def test_c_executor(self):
+        """The example's main queue takes what comes, also from its own blocks, and runs every block, also after the release."""
+        env = environment(self.folder, PKG_CONFIG_PATH=self.installed / "lib/pkgconfig")
+        flags = run("pkg-config", "--cflags", "kestrova", env=env).split()
+        program = self.folder / "app"
+        run(self.options.c_compiler, "-std=gnu99", "-Wall", "-Wextra", "-Werror", self.options.source / "examples/c/app.c",
+            HERE / "c_executor/library.c", *flags, "-lpthread", "-o", program, env=env)
+        with started([program], env, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as host:
+            lines_until(host.stdout, "submitted")
+            output = host.communicate("\n", timeout=LIMIT)[0]
+        self.assertEqual(0, host.returncode)
+        self.assertEqual([*map(str, range(1, 1001)), "released", "1001", "1002", "1003"], output.splitlines())
+
     def test_find_package_c(self):
         """A project that has no C++ at all, over the shared library."""
         self.project.mkdir()
