@@ -2,14 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -24,6 +22,7 @@
 #include "support/ChildProcess.h"
 #include "support/Event.h"
 #include "support/RecordingUncaughtException.h"
+#include "support/ThreadState.h"
 
 namespace {
 
@@ -112,15 +111,6 @@ TEST(ExitTest, Q3QueuesThatSleepDoNotDelayTheExit) {
   expectChild("exited with 0");
 }
 
-// What the kernel says a thread is doing: 'S' when it waits.
-char stateOf(long thread) {
-  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-  std::string line;
-  std::getline(file, line);
-  const std::size_t name = line.rfind(')');
-  return name == std::string::npos ? '?' : line.at(name + 2);
-}
-
 std::atomic<bool> runningBlockMayEnd = false;
 std::atomic<bool> runningBlockIsGone = false;
 std::atomic<long> threadOfRunningBlock = 0;
@@ -133,7 +123,7 @@ struct SaysWhenItIsGone {
 void releaseTheRunningBlock() {
   runningBlockMayEnd = true;
   const auto deadline = std::chrono::steady_clock::now() + test::kLimit;
-  while (!runningBlockIsGone || stateOf(threadOfRunningBlock) != 'S') {
+  while (!runningBlockIsGone || test::stateOf(threadOfRunningBlock) != 'S') {
     require(std::chrono::steady_clock::now() < deadline, "the thread came to rest");
     std::this_thread::yield();
   }
@@ -149,7 +139,7 @@ TEST(ExitTest, Q3NoBlockStartsAfterTheExitHasBegun) {
     std::atexit(&releaseTheRunningBlock);  // before the first thread starts, so it is called when the static objects' turn has come
     test::Event started;
     foreverQueue()->async([&started, guard = std::make_unique<SaysWhenItIsGone>()] {
-      threadOfRunningBlock = syscall(SYS_gettid);
+      threadOfRunningBlock = test::numberOfThisThread();
       started.happen();
       waitUntilReleased();
       say("the running block ended\n");
