@@ -19,6 +19,9 @@ export const LIMIT = 30000;
 const programs = process.env.KESTROVA_BIN_DIR ?? fileURLToPath(new URL('../../build/dev/bin', import.meta.url));
 const program = (name) => path.join(programs, name);
 
+/** The time in whole seconds, as it is signed. */
+export const now = () => Math.floor(Date.now() / 1000);
+
 /** One browser for all tests of a file. As root chromium runs without its sandbox or not at all. */
 export async function openBrowser() {
   const executablePath = process.env.CHROMIUM ?? '/usr/bin/chromium';
@@ -104,13 +107,16 @@ export class Server {
     return name;
   }
 
-  /** A POST signed by the scheme's reference library; what is given last spoils it. */
-  async post(target, body, { device = 'device-1', ahead = 0, nonce = undefined, spoil = (sent) => sent, type = 'application/json' } = {}) {
-    const url = `${this.url}${target}`;
+  /** The Authorization of a POST by the scheme's reference library. */
+  authorization(target, body, { device = 'device-1', time = now(), nonce = undefined, secret = SECRET, type = 'application/json' } = {}) {
     const payload = target.startsWith('/gifs') ? {} : { payload: body, contentType: type };
-    const { header } = hawk.client.header(url, 'POST', {
-      credentials: { id: APP, key: SECRET, algorithm: 'sha256' }, ext: device, timestamp: Math.floor(Date.now() / 1000) + ahead, nonce, ...payload,
-    });
+    const credentials = { id: APP, key: secret, algorithm: 'sha256' };
+    return hawk.client.header(`${this.url}${target}`, 'POST', { credentials, ext: device, timestamp: time, nonce, ...payload }).header;
+  }
+
+  /** A signed POST; what is given last spoils it. */
+  async post(target, body, { ahead = 0, spoil = (sent) => sent, type = 'application/json', ...more } = {}) {
+    const header = this.authorization(target, body, { time: now() + ahead, type, ...more });
     return this.send(target, spoil(Buffer.from(body)), { Authorization: header, 'Content-Type': type });
   }
 
