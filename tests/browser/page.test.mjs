@@ -373,6 +373,55 @@ pageTest('a page of another origin can neither give orders nor read', async (pag
   }
 });
 
+/** What a function tells of a store of the page's own kind with little room. */
+const storing = (page, run) => page.evaluate(`(async () => {
+  const { Store } = await import('/dev/page/store.js');
+  const store = new Store({ lines: 100, length: 20000 });
+  const events = (first, count, length) => Array.from({ length: count }, (_, index) => (
+    { n: first + index, kind: 'event', at: 0, name: 'e', data: 'x'.repeat(length) }));
+  const textOf = (items) => JSON.stringify(items.map(({ n, kind, at, name, data, events, verdict, taken }) => ({ n, kind, at, name, data, events, verdict, taken })));
+  return (${run})({ store, events, length: () => textOf(store.items).length });
+})()`);
+
+pageTest('the page holds no more than it has room for, however few the lines', async (page) => {
+  const told = await storing(page, ({ store, events, length }) => {
+    let most = 0;
+    for (let first = 1; first <= 100; first += 3) {
+      const request = { n: first + 2, kind: 'batch', at: 0, verdict: 'ok', taken: true, events: [[first, first + 1]] };
+      store.append([...events(first, 2, 2000), request]);
+      most = Math.max(most, length());
+    }
+    const numbers = store.items.map((item) => item.n);
+    return { most, least: length(), numbers, shown: store.shown.map((item) => item.n), fates: [...store.fates.keys()], events: store.items.filter((item) => item.kind === 'event').map((item) => item.n) };
+  });
+  assert.ok(told.most <= 21000 && told.least > 15000, JSON.stringify(told));
+  assert.equal(told.numbers.at(-1), 102);
+  assert.deepEqual(told.shown, told.numbers);
+  assert.deepEqual(told.fates, told.events);
+});
+
+pageTest('older lines come as long as there is room for them', async (page) => {
+  const byLength = await storing(page, ({ store, events }) => {
+    store.append(events(101, 4, 3000));
+    return [store.prepend(events(100, 1, 3000)), store.prepend(events(90, 10, 3000).reverse()), store.items.map((item) => item.n), store.shown[0].n];
+  });
+  assert.deepEqual(byLength, [true, false, [99, 100, 101, 102, 103, 104], 99]);
+  const byLines = await storing(page, ({ store, events }) => {
+    store.append(events(101, 98, 1));
+    return [store.prepend(events(100, 1, 1)), store.prepend(events(97, 3, 1).reverse()), store.items.length, store.oldest];
+  });
+  assert.deepEqual(byLines, [true, false, 100, 99]);
+});
+
+pageTest('the newest line is kept, however long', async (page) => {
+  const numbers = await storing(page, ({ store, events }) => {
+    store.append(events(1, 3, 10));
+    store.append(events(4, 1, 50000));
+    return store.items.map((item) => item.n);
+  });
+  assert.deepEqual(numbers, [4]);
+});
+
 for (const colorScheme of ['light', 'dark']) {
   pageTest(`the page is ${colorScheme} where that is preferred`, async (page, server) => {
     await server.post('/events', batch([{ name: 'opened' }]));

@@ -1,9 +1,9 @@
 // What the page knows: the server's items in their order, what became of each event, and those that pass the filters.
 
-/** As many items as the server keeps. */
-const LIMIT = 125000;
-/** Old items go in portions, so that not every new one moves all others. */
-const PORTION = 5000;
+/** As much as the server keeps: so many items, and so many characters of them. */
+const ROOM = { lines: 125000, length: 128 * 1024 * 1024 };
+/** Old items go in portions of this part of the room, so that not every new one moves all others. */
+const PORTION = 0.04;
 
 const GROUPS = { lookup: 'share', link: 'share', match: 'other' };
 export const groupOf = (item) => GROUPS[item.kind] ?? item.kind;
@@ -14,12 +14,14 @@ export const sessionKey = (item) => {
 };
 
 export class Store {
-  constructor() {
+  constructor(room = ROOM) {
+    this.room = room;
     this.reset();
   }
 
   reset() {
     this.items = []; // ascending by number
+    this.length = 0; // of their texts, together
     this.fates = new Map(); // number of an event: how often and by which request it was carried
     this.shown = []; // those that pass the filter, ascending
     this.filter = { text: '', kind: '', verdict: '', session: '' };
@@ -50,7 +52,10 @@ export class Store {
   /** Newer items, oldest first. How many of them pass the filter; -1 when the filter had to be applied anew. */
   append(added) {
     const fresh = added.filter((item) => item.n > this.newest);
-    for (const item of fresh) this.items.push(item);
+    for (const item of fresh) {
+      this.items.push(item);
+      this.length += measure(item);
+    }
     const changed = this.note(fresh);
     if (this.trim() || (changed && this.filter.verdict)) {
       this.refilter();
@@ -61,13 +66,22 @@ export class Store {
     return passing.length;
   }
 
-  /** Older items, newest first. */
+  /** Older items, newest first. False when there was no room for all of them. */
   prepend(added) {
-    const older = added.filter((item) => !this.items.length || item.n < this.oldest).reverse();
+    const further = added.filter((item) => !this.items.length || item.n < this.oldest);
+    const older = [];
+    for (const item of further) {
+      const length = measure(item);
+      if (this.items.length + older.length >= this.room.lines || this.length + length > this.room.length) break;
+      this.length += length;
+      older.push(item);
+    }
+    older.reverse();
     this.items = older.concat(this.items);
     const changed = this.note(older);
     if (changed && this.filter.verdict) this.refilter();
     else this.shown = older.filter((item) => this.passes(item)).concat(this.shown);
+    return older.length === further.length;
   }
 
   /** Notes what can be searched, and what became of the events that these requests carried; true when that is news of events that are here. */
@@ -95,8 +109,14 @@ export class Store {
   }
 
   trim() {
-    if (this.items.length <= LIMIT + PORTION) return false;
-    for (const item of this.items.splice(0, this.items.length - LIMIT)) this.fates.delete(item.n);
+    const { lines, length } = this.room;
+    const most = 1 + PORTION;
+    if (this.items.length <= lines * most && this.length <= length * most) return false;
+    let gone = 0;
+    for (; gone + 1 < this.items.length && (this.items.length - gone > lines || this.length > length); gone += 1) this.length -= this.items[gone].length;
+    this.items.splice(0, gone);
+    // Also those of events that were gone when another request carried them.
+    for (const number of this.fates.keys()) if (number < this.oldest) this.fates.delete(number);
     return true;
   }
 
@@ -148,6 +168,12 @@ export class Store {
     }
     return false;
   }
+}
+
+/** How long an item's text is; noted in it. */
+function measure(item) {
+  item.length = JSON.stringify(item).length;
+  return item.length;
 }
 
 /** All that can be searched for in an item. It is made as items come, piece by piece, and not when somebody searches. */
