@@ -422,6 +422,75 @@ pageTest('the newest line is kept, however long', async (page) => {
   assert.deepEqual(numbers, [4]);
 });
 
+/** A page whose first stream is refused, so that it begins anew after its pause. */
+async function pageOfABrokenStream(server, routeOlder, run) {
+  const context = await browser.newContext({ ignoreHTTPSErrors: true });
+  context.setDefaultTimeout(LIMIT);
+  try {
+    const page = await context.newPage();
+    page.begun = 0;
+    page.on('request', (request) => { page.begun += Number(request.url().includes('/dev/feed?limit=')); });
+    for (const [url, route] of [['**/dev/feed/live?*', (first) => first.fulfill({ status: 503 })], ['**/dev/feed?before=*', routeOlder]]) {
+      let count = 0;
+      await page.route(url, (one) => { count += 1; return count === 1 ? route(one) : one.continue(); });
+    }
+    await run(page);
+  } finally {
+    await context.close();
+  }
+}
+
+/** Once more is answered, what was answered before has been taken. */
+const answered = (page) => page.evaluate(() => fetch('/dev/feed?before=2').then((answer) => answer.json()));
+const live = (page) => page.waitForSelector('#connection[data-state="live"]');
+const shownEvents = (page) => page.locator('#totals div', { hasText: 'events' }).locator('dd').textContent();
+
+test('what an earlier beginning still waited for is not taken after a broken stream', { timeout: 4 * LIMIT }, async () => {
+  const server = await Server.start();
+  try {
+    for (const name of ['one', 'two']) await server.post('/events', batch(Array.from({ length: 500 }, () => ({ name }))));
+    let held;
+    let release;
+    const isReleased = new Promise((resolve) => { release = resolve; });
+    const hold = async (route) => { held = route.request(); await isReleased; await route.continue(); };
+    await pageOfABrokenStream(server, hold, async (page) => {
+      await page.goto(`${server.url}/`);
+      await live(page);
+      await page.locator('#count', { hasText: '1,002 lines' }).waitFor();
+      release();
+      await (await held.response()).finished();
+      await answered(page);
+      assert.equal(await shownEvents(page), '1,000');
+      assert.equal(await textOf(page, '#count'), '1,002 lines');
+    });
+  } finally {
+    await server.end();
+  }
+});
+
+test('a page that has lost the server in two ways begins anew once', { timeout: 4 * LIMIT }, async () => {
+  const server = await Server.start();
+  try {
+    await server.post('/events', batch(Array.from({ length: 500 }, () => ({ name: 'one' }))));
+    await server.post('/events', batch([{ name: 'two' }]));
+    await pageOfABrokenStream(server, (route) => route.abort(), async (page) => {
+      await page.clock.install();
+      const aborted = page.waitForEvent('requestfailed');
+      const refused = page.waitForResponse((answer) => answer.url().includes('/dev/feed/live') && answer.status() === 503);
+      await page.goto(`${server.url}/`);
+      await Promise.all([aborted, refused]);
+      await page.waitForSelector('#connection[data-state="lost"]');
+      await answered(page);
+      await page.clock.runFor(10000);
+      await live(page);
+      await page.clock.runFor(10000);
+      assert.equal(page.begun, 2);
+    });
+  } finally {
+    await server.end();
+  }
+});
+
 for (const colorScheme of ['light', 'dark']) {
   pageTest(`the page is ${colorScheme} where that is preferred`, async (page, server) => {
     await server.post('/events', batch([{ name: 'opened' }]));

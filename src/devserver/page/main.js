@@ -8,6 +8,7 @@ import { Store, isRequest } from './store.js';
 
 const FIRST_PAGE = 500;
 const PAGE = 5000;
+const RESTART_PAUSE = 2000; // milliseconds
 const DRAWING_PAUSE = 400; // milliseconds between two drawings of the charts, at least
 
 const store = new Store();
@@ -28,6 +29,8 @@ const faults = new Faults();
 
 let run = '';
 let stream;
+let restart; // the timer of the next beginning
+let beginnings = 0; // what an earlier one still waits for is nothing to the newest
 let totals = emptyTotals();
 
 // --- What is known in all.
@@ -154,32 +157,35 @@ async function readPage(query) {
 }
 
 /** Reads the newest, follows the server from there, and then reads what is older, piece by piece. */
-async function begin() {
+async function begin(beginning) {
   stream?.close();
   const page = await readPage(`limit=${FIRST_PAGE}`);
+  if (beginning !== beginnings) return;
   run = page.run;
   store.reset();
   totals = emptyTotals();
   takeOlder(page.items);
   applyFilters();
   follow();
-  await readOlder(run, page.oldest);
+  await readOlder(beginning, page.oldest);
 }
 
-async function readOlder(ofRun, oldest) {
-  while (run === ofRun && store.items.length && store.oldest > oldest) {
-    const before = store.oldest;
-    const page = await readPage(`before=${before}&limit=${PAGE}`);
-    if (page.run !== ofRun || !page.items.length) return;
-    takeOlder(page.items);
+async function readOlder(beginning, oldest) {
+  let hasRoom = true;
+  while (hasRoom && store.items.length && store.oldest > oldest) {
+    const page = await readPage(`before=${store.oldest}&limit=${PAGE}`);
+    if (beginning !== beginnings || page.run !== run || !page.items.length) return;
+    hasRoom = takeOlder(page.items);
   }
 }
 
+/** False when there is no room for more. */
 function takeOlder(items) {
-  store.prepend(items);
+  const hasRoom = store.prepend(items);
   count(items);
   list.ask();
   drawSoon();
+  return hasRoom;
 }
 
 function takeNewer(items) {
@@ -205,15 +211,24 @@ function follow() {
   stream.addEventListener('message', (event) => takeNewer(JSON.parse(event.data)));
   stream.addEventListener('error', () => {
     showConnection('lost', 'The server cannot be reached; trying again');
-    if (stream.readyState === EventSource.CLOSED) setTimeout(start, 2000);
+    if (stream.readyState === EventSource.CLOSED) startLater();
   });
 }
 
 function start() {
-  begin().catch((error) => {
+  clearTimeout(restart);
+  beginnings += 1;
+  const beginning = beginnings;
+  begin(beginning).catch((error) => {
+    if (beginning !== beginnings) return;
     showConnection('lost', `The server cannot be reached: ${error.message}`);
-    setTimeout(start, 2000);
+    startLater();
   });
+}
+
+function startLater() {
+  clearTimeout(restart);
+  restart = setTimeout(start, RESTART_PAUSE);
 }
 
 // A span of time moves on also when nothing arrives.
