@@ -44,6 +44,7 @@ if(KESTROVA_BUILD_PROGRAMS)
     configure_file(\"${Kestrova_SOURCE_DIR}/packaging/kestrova-transferd.service.in\" \"${made}/kestrova-transferd.service\" @ONLY)")
   install(FILES ${made}/kestrova-transferd.service ${Kestrova_SOURCE_DIR}/packaging/kestrova-transferd.path
           DESTINATION lib/systemd/user)
+  install(DIRECTORY ${Kestrova_SOURCE_DIR}/packaging/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 FILES_MATCHING PATTERN *.1)
 endif()
 
 install(FILES ${Kestrova_SOURCE_DIR}/README.md ${Kestrova_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -66,6 +67,7 @@ string(JOIN "\n" CPACK_PACKAGE_DESCRIPTION
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${Kestrova_SOURCE_DIR}/packaging/CompressManuals.cmake)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

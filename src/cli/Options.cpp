@@ -72,19 +72,21 @@ void addShareCommands(CLI::App& app, Options& options) {
   share->fallthrough();
   share->require_subcommand(1);
   CLI::App* submit = addCommand(*share, "submit", "submit a share and tell its referral code", options, Command::kShareSubmit);
-  submit->add_option("--data", options.jsonData, "the share's data, a JSON object")->required();
-  submit->add_option("--url", options.shareURL, "the share's address");
+  submit->add_option("--data", options.jsonData, "the share's data, a JSON object")->type_name("JSON")->required();
+  submit->add_option("--url", options.shareURL, "the share's address")->type_name("URL");
   CLI::App* refresh =
       addCommand(*share, "refresh", "ask the server for the current form of shares", options, Command::kShareRefresh);
-  refresh->add_option("REFERRAL-CODE", options.referralCodes, "the codes of the shares")->required();
+  refresh->add_option("REFERRAL-CODE", options.referralCodes, "the codes of the shares")->type_name("")->required();
   addCommand(*share, "list", "show the shares that this command has submitted or asked for", options, Command::kShareList);
 }
 
 void addUploadCommands(CLI::App& app, Options& options) {
   CLI::App* upload = addCommand(app, "upload", "upload a GIF for a share, in the background", options, Command::kUpload);
-  upload->add_option("FILE", options.uploadFile, "the GIF; it may be deleted once the command has ended")->required();
-  upload->add_option("--share-id", options.shareId, "the share's identifier on the server")->required();
-  upload->add_option("--user-id", options.userId, "the identifier of the user who shared it");
+  upload->add_option("FILE", options.uploadFile, "the GIF; it may be deleted once the command has ended")
+      ->type_name("")
+      ->required();
+  upload->add_option("--share-id", options.shareId, "the share's identifier on the server")->type_name("ID")->required();
+  upload->add_option("--user-id", options.userId, "the identifier of the user who shared it")->type_name("ID");
   upload->add_flag("--wait", options.wait, "wait for the outcome, for as long as --timeout says");
 
   CLI::App* uploads = app.add_subcommand("uploads", "list uploads: what the transfer service has, and the outcomes known here");
@@ -95,7 +97,7 @@ void addUploadCommands(CLI::App& app, Options& options) {
     if (uploads->get_subcommands().empty()) options.command = Command::kUploads;
   });
   CLI::App* cancel = addCommand(*uploads, "cancel", "end an upload that has not ended", options, Command::kUploadsCancel);
-  cancel->add_option("ID", options.uploadSession, "the upload's session, as uploads lists it")->required();
+  cancel->add_option("ID", options.uploadSession, "the upload's session, as uploads lists it")->type_name("")->required();
 
   // For the transfer service alone, which launches the command with it.
   addCommand(app, "handle-events", "take the outcome of uploads that ended meanwhile", options, Command::kHandleEvents)->group("");
@@ -108,11 +110,11 @@ void addCommands(CLI::App& app, Options& options) {
   };
 
   CLI::App* event = add("event", "report one event and send it", Command::kEvent);
-  event->add_option("NAME", options.eventName, "the event's name")->required();
-  event->add_option("--data", options.eventData, "the event's data, a JSON object");
+  event->add_option("NAME", options.eventName, "the event's name")->type_name("")->required();
+  event->add_option("--data", options.eventData, "the event's data, a JSON object")->type_name("JSON");
   CLI::App* events =
       add("events", "report the events of a file, one JSON object a line: {\"event\": \"...\", \"data\": {...}}", Command::kEvents);
-  events->add_option("FILE", options.inputFile, "a path, or - for standard input")->required();
+  events->add_option("FILE", options.inputFile, "a path, or - for standard input")->type_name("")->required();
   add("flush", "send what waits on disk", Command::kFlush);
   add("queue", "show what waits on disk", Command::kQueue);
   add("status", "show identity, clock correction, paths and switched-off features", Command::kStatus);
@@ -120,7 +122,7 @@ void addCommands(CLI::App& app, Options& options) {
   add("tail", "follow the debug trace of a running application, that of other commands too, until Ctrl-C", Command::kTail);
   addShareCommands(app, options);
   CLI::App* patch = add("patch", "add data to the session-started event that the server holds", Command::kPatch);
-  patch->add_option("JSON", options.jsonData, "what to add, a JSON object")->required();
+  patch->add_option("JSON", options.jsonData, "what to add, a JSON object")->type_name("")->required();
   add("cookie-match", "have the system's browser match this device", Command::kCookieMatch);
   addUploadCommands(app, options);
   add("demo", "show the whole road of an event against a development server of its own", Command::kDemo);
@@ -163,12 +165,14 @@ ParseResult parseOptions(int argc, char** argv) {
   CLI::App app("kestrova: a host application with the SDK inside, for people and scripts", "kestrova");
   app.footer(kFooter);
   app.get_formatter()->column_width(34);
-  app.add_option("--api-host", options.apiHost, "HOST[:PORT] of the API");
-  app.add_option("--api-version", options.apiVersion, "API version (default 1)");
-  app.add_option("--bundle-id", options.bundleId, "the application's reverse-DNS identifier");
-  app.add_option("--home", options.home, "folder for the application's state instead of the user's data folder");
-  app.add_option("--secret-file", secretFile, "file that holds the API secret");
-  app.add_option("--timeout", options.timeout, "seconds to wait for outcomes (default 30)")->check(CLI::Range(0.0, 1e6));
+  app.add_option("--api-host", options.apiHost, "host of the API, with :PORT where it is not 443")->type_name("HOST");
+  app.add_option("--api-version", options.apiVersion, "API version (default 1)")->type_name("VERSION");
+  app.add_option("--bundle-id", options.bundleId, "the application's reverse-DNS identifier")->type_name("ID");
+  app.add_option("--home", options.home, "folder for the application's state instead of the user's data folder")->type_name("DIR");
+  app.add_option("--secret-file", secretFile, "file that holds the API secret")->type_name("FILE");
+  app.add_option("--timeout", options.timeout, "seconds to wait for outcomes (default 30)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 1e6).description(""));
   app.add_flag("--debug", options.debug, "print trace lines to standard error as they are stored");
   app.add_flag("--json", options.json, "the report as one JSON object on standard output");
   addCommands(app, options);

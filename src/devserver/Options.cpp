@@ -129,7 +129,7 @@ void declare(CLI::App& app, RawOptions& raw) {
   app.add_option("--apps", raw.appsFiles, "JSON object of ids and secrets")->type_name("FILE")->allow_extra_args(false);
   app.add_option("--idle-timeout", raw.idleTimeout, "seconds without progress after which a connection is closed (60)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.05, 3600.0));
+      ->check(CLI::Range(0.05, 3600.0).description(""));
   for (const std::string& name : behaviourNames())
     app.add_option("--" + name, raw.behaviour[name], helpOf(name))->type_name("JSON")->group("Misbehaviour");
 }

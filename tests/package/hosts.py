@@ -9,6 +9,7 @@
 # that takes the sources in.
 import argparse
 import contextlib
+import gzip
 import json
 import os
 import pathlib
@@ -24,6 +25,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 LIMIT = 100  # seconds for one step of a host's life
 APPLICATION = "com.example.app"
 SECRET = "a secret of mine"
+PROGRAMS = ["kestrova", "kestrova-devserver", "kestrova-transferd"]
 
 
 # Joined to the example in Python: closes the library as often as it was opened, and more.
@@ -319,7 +321,23 @@ class Hosts(unittest.TestCase):
         self.assertIn("libkestrova 0.1 kestrova (>= 0.1.0)", run("dpkg-deb", "-I", package, "shlibs"))
         unit = (root / "usr/lib/systemd/user/kestrova-transferd.service").read_text(encoding="utf-8")
         self.assertIn("\nExecStart=/usr/bin/kestrova-transferd\n", unit)
+        manuals = root / "usr/share/man/man1"
+        self.assertEqual({f"{program}.1.gz" for program in PROGRAMS}, {path.name for path in manuals.iterdir()})
+        for program in PROGRAMS:
+            packed = (manuals / f"{program}.1.gz").read_bytes()
+            # Packed as well as can be, and without a name or time, which would make each package another one.
+            self.assertEqual(bytes.fromhex("1f8b080000000000 02"), packed[:9])
+            source = self.options.source / f"packaging/man/{program}.1"
+            self.assertEqual(source.read_bytes(), gzip.decompress(packed))
         self.find_package(root / "usr", shared=True)
+
+    def test_manuals(self):
+        """Each installed program has its manual where man looks for it."""
+        programs = sorted(path.name for path in (self.installed / "bin").iterdir())
+        self.assertEqual(PROGRAMS, programs)
+        for program in programs:
+            page = run("mandoc", "-T", "ascii", self.installed / f"share/man/man1/{program}.1")
+            self.assertIn("SYNOPSIS", re.sub(".\b", "", page))
 
     def test_refusals(self):
         """What cannot be found is refused in words that tell why."""

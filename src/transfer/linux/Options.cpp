@@ -14,10 +14,14 @@ ParseResult parseOptions(int argc, char** argv) {
   app.add_flag("--status", options.status, "Say whether the service runs, and end");
   app.add_option("--directory", options.directory,
                  "The service's folder (default KESTROVA_TRANSFER_DIR, else the user's state folder)")
+      ->type_name("DIR")
       ->check([](const std::string& path) { return path.starts_with('/') ? std::string() : "must be an absolute path"; });
   app.add_option("--idle-seconds", options.idleSeconds, "End after so long with nothing to do (default 60)")
-      ->check(CLI::Range(0.0, 1e9));
-  app.add_option("--max-uploads", options.maxUploads, "Uploads at once (default 8)")->check(CLI::Range(1, 1000));
+      ->type_name("N")
+      ->check(CLI::Range(0.0, 1e9).description(""));
+  app.add_option("--max-uploads", options.maxUploads, "Uploads at once, 1000 at most (default 8)")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000).description(""));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
