@@ -339,6 +339,12 @@ class Hosts(unittest.TestCase):
             page = run("mandoc", "-T", "ascii", self.installed / f"share/man/man1/{program}.1")
             self.assertIn("SYNOPSIS", re.sub(".\b", "", page))
 
+    def test_completion(self):
+        """A shell finds the completion by the command's name, as bash-completion looks for it."""
+        script = self.installed / "share/bash-completion/completions/kestrova"
+        shown = run("bash", "--norc", "-c", 'source "$1"; complete -p kestrova', "bash", script)
+        self.assertEqual("complete -F _kestrova kestrova\n", shown)
+
     def test_refusals(self):
         """What cannot be found is refused in words that tell why."""
         self.project.mkdir()
