@@ -14,7 +14,7 @@ TARGET ?=
 SEEDS ?= 4000
 FIRST ?= 1
 
-.PHONY: help deps build package test demo bench check check-all asan tsan clang tidy fuzz simulate screenshots coverage format clean \
+.PHONY: help deps build package test demo bench check check-all docs asan tsan clang tidy fuzz simulate screenshots coverage format clean \
   deps-build deps-test deps-checks
 
 help: ## list the targets
@@ -40,14 +40,18 @@ bench: deps-build ## run the benchmarks
 	@cmake --build --preset bench -j $(JOBS)
 	@for program in build/bench/bench/bench_*; do "$$program" $(ARGS); done
 
-check: deps-build deps-checks ## the fast checks: include rules, texts, formatting
+docs: deps-docs ## make the reference of the public headers, in build/reference/html/
+	@tools/reference
+
+check: deps-build deps-checks deps-docs ## the fast checks: include rules, texts, formatting, the reference
 	@python3 -B tests/checks/test_checks.py
 	@python3 -B tests/checks/include_rules.py .
 	@python3 -B tests/checks/platform_rows.py .
 	@python3 -B tests/checks/texts.py .
 	@python3 -B tests/checks/named_tests.py .
 	@tools/format --check
-	@echo "Include rules, texts and formatting: in order"
+	@python3 -B tests/documents/reference.py .
+	@echo "Include rules, texts, formatting and reference: in order"
 
 check-all: check asan tsan tidy fuzz simulate coverage ## the heavy checks too: sanitizers, clang-tidy, fuzzers, simulation, coverage
 
@@ -88,7 +92,7 @@ coverage: deps-test deps-checks ## run the tests and report which lines they rea
 format: deps-checks ## format the C++ files in place
 	@tools/format
 
-deps: deps-test deps-checks ## install all that any target needs
+deps: deps-test deps-checks deps-docs ## install all that any target needs
 
 clean: ## remove everything that was built
 	rm -rf build
@@ -102,6 +106,9 @@ deps-test:
 
 deps-checks:
 	@tools/install-packages checks
+
+deps-docs:
+	@tools/install-packages docs
 
 define run-tests
 cmake --preset $(1) && cmake --build --preset $(1) -j $(JOBS) && ctest --preset $(1) -j $(JOBS) $(ARGS)

@@ -21,12 +21,14 @@
 //
 // The layout of kestrova_options only grows, at its end, and numbers are not given twice: a program goes on working with a
 // later library of the same SONAME without being compiled again.
+
 #ifndef KESTROVA_H
 #define KESTROVA_H
 
 #include <stddef.h>
 #include <stdint.h>
 
+/* Before what the library shows. */
 #define KESTROVA_API __attribute__((visibility("default")))
 
 // NOLINTBEGIN(modernize-use-using, readability-identifier-naming): a C header has the forms and the names of C
@@ -34,6 +36,7 @@
 extern "C" {
 #endif
 
+/* What a function answers. */
 typedef enum kestrova_status {
   KESTROVA_OK = 0,
   KESTROVA_ERROR_NULL_ARGUMENT = 1,   /* something that must be there is a null pointer */
@@ -74,6 +77,7 @@ typedef void (*kestrova_run)(void* block);
    that is never run is never freed. It and its context stay in use until the process ends. */
 typedef void (*kestrova_executor)(void* context, kestrova_run run, void* block);
 
+/* What a client is started with. Set it to zero, then struct_size, then what there is to say. */
 typedef struct kestrova_options {
   size_t struct_size; /* sizeof(kestrova_options); all the rest may be zero where it does not say otherwise */
 
@@ -92,12 +96,12 @@ typedef struct kestrova_options {
   uint64_t max_response_bytes; /* the longest answer that is taken; 16 MiB when 0 */
   int debug;                   /* not 0: messages are formatted and kept in the trace */
 
-  void* context; /* handed to every function below */
-  kestrova_json_callback on_user_id;
-  kestrova_json_callback on_app_identifier;
-  kestrova_json_callback on_notifications; /* a JSON array in all but odd cases: what the server sent, as it came */
-  kestrova_trace_callback on_trace;
-  kestrova_executor executor;
+  void* context;                            /* handed to every function below */
+  kestrova_json_callback on_user_id;        /* the identifier of the user */
+  kestrova_json_callback on_app_identifier; /* the identifier of the application */
+  kestrova_json_callback on_notifications;  /* a JSON array in all but odd cases: what the server sent, as it came */
+  kestrova_trace_callback on_trace;         /* each line of the trace */
+  kestrova_executor executor;               /* the main queue in the host's hand; null: a thread of the library's own */
 } kestrova_options;
 
 /* Starts the client and puts it at *client; a null pointer when the code is not KESTROVA_OK. Reads one small file.

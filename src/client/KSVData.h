@@ -30,11 +30,14 @@
 
 class KSVHawkAuth;
 
+/// Shares, in an order that whoever gives them says.
 using KSVShares = std::vector<std::shared_ptr<const KSVShare>>;
+/// Given the shares that the server knows, fresh ones; see KSVData::updateSharesFromServerWithCallback.
 using KSVShareUpdateCallback = std::function<void(const KSVShares& updatedShares)>;
 
 class KESTROVA_EXPORT KSVData final : public platform::URLSessionDelegate, public std::enable_shared_from_this<KSVData> {
  public:
+  /// Calls that the platform, or the cookie match, is waiting for.
   using CompletionHandler = std::function<void()>;
   using CookieMatchCompletion = std::function<void(bool didComplete)>;
 
@@ -84,7 +87,7 @@ class KESTROVA_EXPORT KSVData final : public platform::URLSessionDelegate, publi
   /// keeps the handler, in the place of an earlier one, until a session ends. Any thread.
   void handleEventsForBackgroundURLSessionCompletionHandler(const std::string& identifier, CompletionHandler completionHandler);
 
-  // Events of background sessions, on their delegate queues; called by the platform.
+  /// Events of background sessions, on their delegate queues; called by the platform.
   void URLSessionTaskDidCompleteWithError(const platform::BackgroundURLSessionRef& session, const platform::URLSessionTaskRef& task,
                                           const std::optional<platform::Error>& error) override;
   void URLSessionDidBecomeInvalidWithError(const platform::BackgroundURLSessionRef& session,

@@ -24,6 +24,7 @@ class KESTROVA_EXPORT KSVDebugger {
   static constexpr std::size_t kMaxLines = 10'000;
   static constexpr std::size_t kMaxBytes = std::size_t{1024} * 1024;
 
+  /// The one of the process.
   static std::shared_ptr<KSVDebugger> sharedDebugger();
 
   /// Any thread.
@@ -48,6 +49,7 @@ class KESTROVA_EXPORT KSVDebugger {
 template <class... Arguments>
 void debugTrace(std::string_view format, const Arguments&... arguments);
 
+/// What debugTrace is made of.
 KESTROVA_EXPORT bool isDebugTraceOn();
 KESTROVA_EXPORT void storeFormattedInTrace(std::string_view format, std::initializer_list<platform::FormatArgument> arguments);
 

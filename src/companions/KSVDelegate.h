@@ -9,6 +9,7 @@
 class KESTROVA_EXPORT KSVDelegate {
  public:
   virtual ~KSVDelegate() = default;
+  /// The identifiers of the user and of the application.
   virtual void setUserId(const platform::Value& userId) = 0;
   virtual void setAppIdentifier(const platform::Value& appIdentifier) = 0;
   /// Notifications, at least one.

@@ -7,6 +7,7 @@
 #include "platform/Export.h"
 
 struct KESTROVA_EXPORT KSVReferralCode {
+  /// The identifier of the user who shared.
   std::optional<std::string> userId;
   /// The share's identifier on the server.
   std::optional<std::string> shareId;

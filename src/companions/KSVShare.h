@@ -11,6 +11,7 @@
 #include "platform/URL.h"
 #include "platform/Value.h"
 
+/// How far a share has come.
 enum KSVShareState : std::int64_t {
   KSVShareStateSent = 0,
   KSVShareStateClicked = 1,
@@ -20,13 +21,13 @@ enum KSVShareState : std::int64_t {
 
 /// A value: reading one from many threads is safe, changing it is its owner's business.
 struct KESTROVA_EXPORT KSVShare {
-  std::shared_ptr<const KSVReferralCode> referralCode;
-  bool isFallback = false;
-  KSVShareState state = KSVShareStateSent;
-  std::optional<platform::Date> createdAt;
-  std::optional<platform::Date> updatedAt;
-  std::optional<platform::Dictionary> data;
-  std::optional<platform::URL> URL;
+  std::shared_ptr<const KSVReferralCode> referralCode;  // who shared, and what
+  bool isFallback = false;                              // kept and passed on
+  KSVShareState state = KSVShareStateSent;              // as the server said last
+  std::optional<platform::Date> createdAt;              // when the host made it
+  std::optional<platform::Date> updatedAt;              // when its state changed last
+  std::optional<platform::Dictionary> data;             // the host's own
+  std::optional<platform::URL> URL;                     // the address that is shared
 
   /// The share as a JSON object, in the form of docs/formats/share.md; what is absent is left out.
   platform::Dictionary serialize() const;

@@ -17,17 +17,20 @@ class KSVData;
 /// One for the process. Any thread.
 class KESTROVA_EXPORT Kestrova final : public KSVDelegate, public std::enable_shared_from_this<Kestrova> {
  public:
+  /// What the client is started with.
   struct Configuration {
     /// The application's API secret. Without one nothing can be signed, and the server refuses what is sent.
     std::optional<std::string> secret;
     /// API host name, with `:port` where it is not 443. Required here or in `constants`.
     std::optional<std::string> apiHost;
+    /// The version of the API; 1 when it is given nowhere.
     std::optional<std::string> apiVersion;
     /// Constants that the build supplies, as kestrovaGeneratedConstants() gives them; apiHost and apiVersion go before them. What
     /// is missing in both, the host apart, has a default.
     platform::ExternalConstants constants;
     /// Where the real services keep their state, and how long they wait.
     platform::SystemOptions system;
+    /// Whether messages are formatted and stored in the trace.
     bool debug = false;
     /// Runs the main queue's blocks instead of a thread of the SDK's own.
     platform::DispatchQueues::Executor mainExecutor;
@@ -54,6 +57,7 @@ class KESTROVA_EXPORT Kestrova final : public KSVDelegate, public std::enable_sh
   static bool debug();
   static void setDebug(bool debug);
 
+  /// The client itself, for what the facade does not hand on.
   const std::shared_ptr<KSVData>& data() const { return data_; }
 
   // What a host calls most, handed to the client. Any thread; none waits for a disk or a network.
@@ -73,7 +77,7 @@ class KESTROVA_EXPORT Kestrova final : public KSVDelegate, public std::enable_sh
   std::optional<platform::Value> userId() const { return userId_.load(); }
   std::optional<platform::Value> appIdentifier() const { return appIdentifier_.load(); }
 
-  // KSVDelegate
+  /// For the client, whose delegate the facade is.
   void setUserId(const platform::Value& userId) override;
   void setAppIdentifier(const platform::Value& appIdentifier) override;
   void handleEventsFromServer(const platform::Value& notifications) override;

@@ -17,7 +17,7 @@ class KESTROVA_EXPORT UncaughtException {
   /// test's one records it and returns.
   virtual void uncaught(std::exception_ptr exception) = 0;
 
-  /// `*** Terminating app due to uncaught exception '<name>', reason: '<reason>'`; of an exception of another kind the name is its
+  /// `*** Terminating app due to uncaught exception 'NAME', reason: 'REASON'`; of an exception of another kind the name is its
   /// type's and the reason its what().
   static std::string description(const std::exception_ptr& exception);
 };
