@@ -14,7 +14,9 @@ import json
 import os
 import pathlib
 import re
+import select
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -59,6 +61,28 @@ def block_of(document, heading, language):
     return found[1]
 
 
+def blocks_of(document, language):
+    """All fenced blocks of a language, one after another."""
+    text = document.read_text(encoding="utf-8")
+    return "\n".join(re.findall(rf"^```{language}$\n(.*?)^```$", text, re.MULTILINE | re.DOTALL))
+
+
+@contextlib.contextmanager
+def transfers(prefix, folder):
+    """What a host's environment needs for uploads; the transfer service that they start is ended."""
+    env = {"KESTROVA_TRANSFER_DIR": str(folder / "transfers"), "KESTROVA_TRANSFERD": str(prefix / "bin/kestrova-transferd")}
+    try:
+        yield env
+    finally:
+        status = subprocess.run([env["KESTROVA_TRANSFERD"], "--status"], env={**os.environ, **env}, capture_output=True, text=True, check=False)
+        process = re.search(r"process (\d+)", status.stdout)
+        if process:
+            watched = os.pidfd_open(int(process[1]))
+            os.kill(int(process[1]), signal.SIGTERM)
+            select.select([watched], [], [], LIMIT)
+            os.close(watched)
+
+
 @contextlib.contextmanager
 def started(command, env, **streams):
     """A process that is ended when the block is left, or when the time is up."""
@@ -76,14 +100,14 @@ def started(command, env, **streams):
                 stream.close()
 
 
-def lines_until(stream, text):
-    """What is read up to a line that holds the text."""
+def lines_until(stream, *texts):
+    """What is read until each of the texts was in a line."""
     read = ""
     for line in stream:
         read += line
-        if text in line:
+        if all(text in read for text in texts):
             return read
-    raise Failure(f"the process ended, or the time was up, before it wrote a line with {text!r}:\n{read}")
+    raise Failure(f"the process ended, or the time was up, before it wrote lines with {texts}:\n{read}")
 
 
 class Server:
@@ -298,6 +322,34 @@ class Hosts(unittest.TestCase):
         program.write_text((self.options.source / "examples/python/app.py").read_text(encoding="utf-8") + CLOSING, encoding="utf-8")
         self.assertEqual("still there\n", run(sys.executable, "-B", program, "localhost:1", env=environment(
             self.folder, LD_LIBRARY_PATH=self.installed / "lib", SSL_CERT_FILE=self.folder / "none")).split("Press Enter to end.\n")[1])
+
+    def test_guide(self):
+        """The program that the guide writes piece by piece, with everything that it says of what happens."""
+        self.project.mkdir()
+        (self.project / "main.cpp").write_text(blocks_of(self.options.source / "docs/guide.md", "cpp"), encoding="utf-8")
+        shutil.copy(HERE / "find_package/CMakeLists.txt", self.project)
+        program = self.build_with_cmake(f"-DCMAKE_PREFIX_PATH={self.installed}", "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Werror")
+        gif = self.folder / "cat.gif"
+        gif.write_bytes(b"GIF89a")
+        with server(self.installed, self.folder) as kestrova_server, transfers(self.installed, self.folder) as more:
+            env = environment(self.folder, SSL_CERT_FILE=kestrova_server.authority, **more)
+            with started([*program, kestrova_server.host, gif], env, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                         stderr=subprocess.PIPE) as host:
+                trace = lines_until(host.stderr, "Task 1 completed", "Got referral code")
+                records = 0  # in one batch or in two
+                while records < 2:
+                    records += int(re.search(r"(\d+) record", lines_until(kestrova_server.process.stdout, "POST /events"))[1])
+                output, more_trace = host.communicate("\n", timeout=LIMIT)
+                self.assertEqual(0, host.returncode, trace + more_trace)
+            self.assertRegex(output, "^user [A-Za-z0-9]{8}\n$")
+            self.assertIn("Starting GIF upload: ", trace)
+            entries = kestrova_server.entries()
+        self.assertTrue(all(entry["taken"] for entry in entries), entries)
+        self.assertEqual({"/events", "/shares", "/gifs"}, {entry["path"] for entry in entries})
+        self.assertEqual(["session-started", "gif-viewed"],
+                         [record["event"] for entry in entries if entry["path"] == "/events" for record in entry["records"]])
+        upload, = (entry for entry in entries if entry["path"] == "/gifs")
+        self.assertEqual((6, "BcDeFgHiJ"), (upload["bytes"], upload["shareId"]))
 
     def test_add_subdirectory(self):
         self.make_project("add_subdirectory")
