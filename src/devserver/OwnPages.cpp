@@ -202,4 +202,5 @@ Answer Exchange::serveShareStates() {
   }
   return jsonAnswer(200, Dictionary{{"shares", api_.shares_.all()}});
 }
+
 }  // namespace devserver
