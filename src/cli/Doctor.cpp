@@ -2,18 +2,15 @@
 #include "cli/Doctor.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <future>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -177,20 +174,11 @@ void addServer(const Options& options, std::vector<Finding>& findings) {
   findings.push_back(clock(clockDifference(answer.response)));
 }
 
-/// As posix_spawnp finds it: a path, or a name in one of PATH's folders.
-bool canBeStarted(const std::string& program) {
-  if (program.find('/') != std::string::npos) return ::access(program.c_str(), X_OK) == 0;
-  const char* path = std::getenv("PATH");
-  std::istringstream folders(path ? path : "");
-  for (std::string folder; std::getline(folders, folder, ':');)
-    if (::access((folder + "/" + program).c_str(), X_OK) == 0) return true;
-  return false;
-}
-
 Finding uploads(const Options& options) {
-  const std::string program = platform::TransferServiceProcess(systemOptionsOf(options), std::nullopt).program();
-  if (!canBeStarted(program))
-    return {State::kNotice, "uploads", "there is no transfer service: " + program + " cannot be started, so uploads would wait",
+  const platform::TransferServiceProcess service(systemOptionsOf(options), std::nullopt);
+  if (!service.canBeStarted())
+    return {State::kNotice, "uploads",
+            "there is no transfer service: " + service.program() + " cannot be started, so uploads would wait",
             "put kestrova-transferd beside the program or on PATH, or name it in KESTROVA_TRANSFERD"};
   const auto asked = platform::TransferInspection(systemOptionsOf(options)).sessions();
   if (!asked)

@@ -2,11 +2,13 @@
 #include "platform/linux/TransferServiceProcess.h"
 
 #include <sys/auxv.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <sstream>
 #include <utility>
 
 #include "platform/linux/DetachedProgram.h"
@@ -27,6 +29,15 @@ std::optional<std::string> programBesideThisOne() {
   return ::access(beside.c_str(), X_OK) == 0 ? std::optional(std::move(beside)) : std::nullopt;
 }
 
+/// In a process with more rights than whoever started it the environment would choose the program that gets them.
+bool mustNotStart() { return ::getauxval(AT_SECURE) != 0; }
+
+bool isProgram(const std::string& path) {
+  const std::string absolute = path.starts_with('/') ? path : "/" + path;
+  struct stat file{};
+  return ::stat(absolute.c_str(), &file) == 0 && S_ISREG(file.st_mode) && ::access(absolute.c_str(), X_OK) == 0;
+}
+
 std::vector<std::string> environmentForService(const std::optional<std::string>& directory) {
   return environmentWith({{kLaunchSessionVariable, std::nullopt}, {kTransferDirectoryVariable, directory}});
 }
@@ -42,10 +53,21 @@ std::string TransferServiceProcess::program() const {
   return programBesideThisOne().value_or(kProgramName);
 }
 
+bool TransferServiceProcess::canBeStarted() const {
+  if (mustNotStart()) return false;
+  const std::string name = program();
+  if (name.find('/') != std::string::npos) return isProgram(name);
+  // Without a PATH the C library has this one.
+  std::istringstream folders(environmentText("PATH").value_or("/bin:/usr/bin"));
+  for (std::string folder; std::getline(folders, folder, ':');)
+    if (isProgram(folder + "/" + name)) return true;
+  return false;
+}
+
 int TransferServiceProcess::start() {
   (void)reap();
   if (process_ != 0) return 0;
-  if (::getauxval(AT_SECURE) != 0) return EPERM;
+  if (mustNotStart()) return EPERM;
   const auto started = startDetachedProgram({program(), "--background"}, environment_);
   if (!started) return started.error();
   process_ = *started;

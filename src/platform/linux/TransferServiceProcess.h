@@ -40,6 +40,8 @@ class TransferServiceProcess {
   int descriptor() const { return child_.get(); }
   /// What is started: a path, or a name that PATH leads to.
   std::string program() const;
+  /// Whether start() would find it, and may run it. What is no absolute path is looked for from the root on, where it would start.
+  bool canBeStarted() const;
 
  private:
   const std::optional<std::string> givenPath_;

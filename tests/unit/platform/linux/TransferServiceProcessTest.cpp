@@ -102,6 +102,35 @@ TEST_F(TransferServiceProcessTest, AProgramThatIsNotThereOrNoProgramIsAnError) {
   EXPECT_EQ(TransferServiceProcess(optionsFor(folder_.path() + "/text"), std::nullopt).start(), EACCES);
 }
 
+TEST_F(TransferServiceProcessTest, WhatCanBeStartedIsAProgramThatIsThere) {
+  const auto canBeStarted = [](const std::string& path) {
+    return TransferServiceProcess(optionsFor(path), std::nullopt).canBeStarted();
+  };
+  EXPECT_TRUE(canBeStarted(script("true")));
+  EXPECT_FALSE(canBeStarted(folder_.path() + "/missing"));
+  EXPECT_FALSE(canBeStarted(folder_.path())) << "a folder";
+  std::ofstream(folder_.path() + "/text") << "no program";
+  EXPECT_FALSE(canBeStarted(folder_.path() + "/text"));
+}
+
+TEST_F(TransferServiceProcessTest, WhatCanBeStartedIsLookedForAsItIsStarted) {
+  EXPECT_EQ(runInChild([this] {
+              unsetenv("KESTROVA_TRANSFERD");
+              const fs::path folder = fs::path(script("true", "bin/kestrova-transferd")).parent_path();
+              TransferServiceProcess service(optionsFor(std::nullopt), std::nullopt);
+              setenv("PATH", folder_.path().c_str(), 1);
+              EXPECT_FALSE(service.canBeStarted());
+              EXPECT_EQ(service.start(), ENOENT);
+              setenv("PATH", ("/nowhere:" + folder.string()).c_str(), 1);
+              EXPECT_TRUE(service.canBeStarted());
+              setenv("PATH", folder.relative_path().c_str(), 1);  // it starts in the root, wherever this process is
+              EXPECT_TRUE(service.canBeStarted());
+              EXPECT_EQ(service.start(), 0);
+              EXPECT_EQ(endOf(service), "in peace");
+            }),
+            0);
+}
+
 // What it inherits.
 
 TEST_F(TransferServiceProcessTest, ItBeginsWithNothingOfTheHosts) {
