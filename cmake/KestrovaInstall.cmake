@@ -45,6 +45,7 @@ if(KESTROVA_BUILD_PROGRAMS)
   install(FILES ${made}/kestrova-transferd.service ${Kestrova_SOURCE_DIR}/packaging/kestrova-transferd.path
           DESTINATION lib/systemd/user)
   install(DIRECTORY ${Kestrova_SOURCE_DIR}/packaging/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 FILES_MATCHING PATTERN *.1)
+  install(FILES ${Kestrova_SOURCE_DIR}/examples/gif-app-events.jsonl DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrova/examples)  # of the demo
   install(FILES ${Kestrova_SOURCE_DIR}/packaging/completion/kestrova DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endif()
 

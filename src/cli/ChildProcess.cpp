@@ -26,8 +26,16 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
   if (!outputFile.empty()) {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   }
-  const int failure = posix_spawn(&pid_, path.c_str(), &actions, nullptr, platform::pointersTo(texts).data(),
+  // Signals that this process holds back are no business of the program's.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  const int failure = posix_spawn(&pid_, path.c_str(), &actions, &attributes, platform::pointersTo(texts).data(),
                                   platform::pointersTo(variables).data());
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (failure != 0) throw std::system_error(failure, std::generic_category(), "cannot start " + path);
 }

@@ -24,21 +24,17 @@
 namespace cli {
 namespace {
 
-int finishRun(Host& host, const Options& options, const std::vector<BadLine>& badLines = {}) {
+int finishRun(Host& host, const Options& options, const BadLines& badLines = {}) {
   const Account account = host.account();
   host.rememberFailure(account);
   printAccount(account, badLines, host.directives(), options.json);
-  return account.exitStatus(!badLines.empty());
+  return account.exitStatus(badLines.count() > 0);
 }
 
-/// Reports every good line; names and skips the others.
-std::vector<BadLine> reportLines(Host& host, LineReader& input) {
-  std::vector<BadLine> badLines;
+/// Reports every good line; tells of the others and skips them.
+BadLines reportLines(Host& host, LineReader& input) {
+  BadLines badLines;
   Progress progress;
-  const auto skip = [&badLines](std::uint64_t number, const std::string& reason) {
-    badLines.push_back({number, reason});
-    printError(fmt::format("line {}: {}; skipped", number, reason));
-  };
   std::uint64_t number = 0;
   while (host.keepPace()) {
     const std::optional<std::string> line = input.next();
@@ -48,11 +44,12 @@ std::vector<BadLine> reportLines(Host& host, LineReader& input) {
     if (auto event = parseEventLine(*line)) {
       host.report(event->name, std::move(event->data));
     } else {
-      skip(number, event.error());
+      badLines.add(number, event.error());
     }
     progress.update(host.recorded(), host.activity()->traffic().delivered);
   }
-  if (!input.error().empty()) skip(number + 1, "cannot read on: " + input.error());
+  badLines.tellTheRest();
+  if (!input.error().empty()) badLines.tell(number + 1, "cannot read on: " + input.error());
   return badLines;
 }
 
@@ -102,7 +99,7 @@ int runEvents(const Options& options) {
     printError(started.error());
     return kBadInput;
   }
-  const std::vector<BadLine> badLines = reportLines(host, *input);
+  const BadLines badLines = reportLines(host, *input);
   host.finish();
   return finishRun(host, options, badLines);
 }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -28,7 +29,9 @@
 #include "cli/Commands.h"
 #include "cli/DemoUpload.h"
 #include "cli/EventInput.h"
+#include "cli/Interruption.h"
 #include "cli/Report.h"
+#include "cli/StopSignals.h"
 #include "platform/Exception.h"
 #include "platform/JSONSerialization.h"
 #include "platform/Process.h"
@@ -140,7 +143,16 @@ class Folder {
 /// The development server, started and stopped as the story needs it; its port and its journal stay.
 class Server {
  public:
-  Server(fs::path program, const Folder& folder) : program_(std::move(program)), folder_(folder) {}
+  Server(fs::path program, const Folder& folder, const Interruption& interruption)
+      : program_(std::move(program)), folder_(folder), interruption_(interruption) {}
+  /// It has temporary files of its own, which go when it ends by itself.
+  ~Server() {
+    if (!process_) return;
+    process_->terminate();
+    process_->wait();
+  }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
 
   void start(const std::vector<std::string>& behaviour = {}) {
     const fs::path ready = folder_ / "server-ready.json";
@@ -155,6 +167,7 @@ class Server {
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!fs::exists(ready)) {
+      interruption_.heed();
       require(!process_->hasEnded(), "the development server ended at its start; it said: " + readFile(folder_ / "server-log"));
       require(std::chrono::steady_clock::now() < deadline, "the development server is not ready after 20 seconds");
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -208,6 +221,7 @@ class Server {
 
   fs::path program_;
   const Folder& folder_;
+  const Interruption& interruption_;
   std::unique_ptr<ChildProcess> process_;
   std::uint64_t port_ = 0;
   std::string authority_;
@@ -224,7 +238,10 @@ struct Row {
 
 class Demo {
  public:
-  Demo() : bin_(fs::read_symlink("/proc/self/exe").parent_path()), server_(bin_ / "kestrova-devserver", folder_) {
+  explicit Demo(const Interruption& interruption)
+      : interruption_(interruption),
+        bin_(fs::read_symlink("/proc/self/exe").parent_path()),
+        server_(bin_ / "kestrova-devserver", folder_, interruption) {
     writeFile(folder_ / "secret", "a-secret-of-the-demo-only");
     writeFile(folder_ / "apps.json", fmt::format("{{\"{}\": \"a-secret-of-the-demo-only\"}}\n", kApplication));
     // The commands of the demo have nothing to do with the user's own uploads.
@@ -282,7 +299,7 @@ class Demo {
     Environment all{{"SSL_CERT_FILE", server_.authority()}};
     all.insert(all.end(), environment.begin(), environment.end());
     ChildProcess process((bin_ / "kestrova").string(), arguments, all, output.string());
-    const int status = process.wait();
+    const int status = interruption_.waitFor(process);
     return {status, parsed(readFile(output))};
   }
 
@@ -442,6 +459,7 @@ class Demo {
     demo.application = folder_ / "device" / kApplication;
     demo.options = commandOptions();
     demo.environment = {{"SSL_CERT_FILE", server_.authority()}};
+    demo.interruption = &interruption_;
     if (const auto failure = showUpload(demo)) throw DemoFailure{*failure};
     server_.takeReceived();  // a GIF is no event
   }
@@ -494,6 +512,7 @@ class Demo {
     printLine("\nThe server's records agree with the input.");
   }
 
+  const Interruption& interruption_;
   Folder folder_;
   fs::path bin_;
   Server server_;
@@ -505,14 +524,23 @@ class Demo {
 }  // namespace
 
 int runDemo() {
+  StopSignals signals;
+  // The thread of the signals outlives this call.
+  const auto interruption = std::make_shared<Interruption>();
+  signals.onStop([interruption] { interruption->request(); });
+  // Whoever follows the story in a pipe sees it as it goes on.
+  (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
   // This process uses values and JSON, and looks at pages; the events are reported by its children.
   platform::Process::install(platform::makeSystemProcess({}));
   try {
-    Demo demo;
+    Demo demo(*interruption);
     demo.run();
     return kDelivered;
+  } catch (const Interrupted&) {
+    printError("the demo was stopped; nothing of it is left");
   } catch (const DemoFailure& failure) {
-    printError("the demo failed: " + failure.reason);
+    // What was stopped together with the demo has failed for no other reason.
+    printError(interruption->isRequested() ? "the demo was stopped; nothing of it is left" : "the demo failed: " + failure.reason);
   } catch (const std::system_error& error) {
     printError(std::string("the demo failed: ") + error.what());
   }

@@ -36,9 +36,12 @@ void require(bool condition, const std::string& reason) {
   if (!condition) throw std::runtime_error(reason);
 }
 
-void waitFor(const std::string& what, const std::function<bool()>& condition) {
-  for (const auto limit = std::chrono::steady_clock::now() + kLimit; !condition(); std::this_thread::sleep_for(kLook))
+/// `interruption` is absent for what has to be done on the way out.
+void waitFor(const std::string& what, const Interruption* interruption, const std::function<bool()>& condition) {
+  for (const auto limit = std::chrono::steady_clock::now() + kLimit; !condition(); std::this_thread::sleep_for(kLook)) {
+    if (interruption) interruption->heed();
     require(std::chrono::steady_clock::now() < limit, what + " did not come within a minute");
+  }
 }
 
 std::string contentOf(const fs::path& path) {
@@ -80,7 +83,7 @@ class Chapter {
     printLine("    the host deleted its own copy");
 
     Dictionary upload;
-    waitFor("the outcome", [&] { return textIn(upload = onlyUpload(), "state") == "delivered"; });
+    waitFor("the outcome", demo_.interruption, [&] { return textIn(upload = onlyUpload(), "state") == "delivered"; });
     compare(gif);
     showLaunch(textIn(upload, "session"));
   }
@@ -111,7 +114,7 @@ class Chapter {
     printLine("  $ kestrova upload cat.gif --share-id demo-share --wait");
     auto application = kestrova({"upload", file.string(), "--share-id", "demo-share", "--wait"}, "upload-output");
     std::uintmax_t there = 0;
-    waitFor("the half of the GIF", [&] {
+    waitFor("the half of the GIF", demo_.interruption, [&] {
       require(!application->hasEnded(),
               "the upload ended before half of it was there: " + contentOf(demo_.folder / "upload-output"));
       return (there = partAtServer()) >= bytes / 2;
@@ -170,7 +173,7 @@ class Chapter {
     const auto at = said.find("process ");
     if (at == std::string::npos) return;
     (void)kill(static_cast<pid_t>(std::stol(said.substr(at + 8))), SIGTERM);
-    waitFor("the service's end", [&] { return start("kestrova-transferd", {"--status"}, "service-status")->wait() != 0; });
+    waitFor("the service's end", nullptr, [&] { return start("kestrova-transferd", {"--status"}, "service-status")->wait() != 0; });
   }
 
   const UploadDemo& demo_;

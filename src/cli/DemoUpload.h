@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli/ChildProcess.h"
+#include "cli/Interruption.h"
 
 namespace cli {
 
@@ -21,9 +22,10 @@ struct UploadDemo {
   std::filesystem::path application;  // the application's folder
   std::vector<std::string> options;   // of the command, before its name
   Environment environment;            // with the transfer service's folder
+  const Interruption* interruption = nullptr;
 };
 
-/// Why it failed; nothing when all went as told. Ends the service that it started.
+/// Why it failed; nothing when all went as told. Throws Interrupted when it is to stop. Ends the service that it started.
 std::optional<std::string> showUpload(const UploadDemo& demo);
 
 }  // namespace cli

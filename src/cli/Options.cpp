@@ -13,6 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "cli/Report.h"
+#include "platform/linux/UsageErrors.h"
+
 namespace cli {
 namespace {
 
@@ -163,7 +166,7 @@ ParseResult parseOptions(int argc, char** argv) {
   options.debug = isOn(environment("KESTROVA_DEBUG"));
 
   CLI::App app("kestrova: a host application with the SDK inside, for people and scripts", "kestrova");
-  app.footer(kFooter);
+  app.footer("`kestrova --help` has the options of all commands, the environment, exit statuses and examples.");
   app.get_formatter()->column_width(34);
   app.add_option("--api-host", options.apiHost, "host of the API, with :PORT where it is not 443")->type_name("HOST");
   app.add_option("--api-version", options.apiVersion, "API version (default 1)")->type_name("VERSION");
@@ -172,24 +175,21 @@ ParseResult parseOptions(int argc, char** argv) {
   app.add_option("--secret-file", secretFile, "file that holds the API secret")->type_name("FILE");
   app.add_option("--timeout", options.timeout, "seconds to wait for outcomes (default 30)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 1e6).description(""));
+      ->check(platform::usage::numberFrom(0.0, 1e6));
   app.add_flag("--debug", options.debug, "print trace lines to standard error as they are stored");
   app.add_flag("--json", options.json, "the report as one JSON object on standard output");
   addCommands(app, options);
+  app.footer(kFooter);  // not for the commands, which have taken the other one
 
   try {
     app.parse(argc, argv);
     if (secretFile) options.secret = readSecretFile(*secretFile);
     if (needsServer(options.command)) requireForSending(options);
     if (options.apiHost) requireHost(*options.apiHost);
-  } catch (const CLI::RequiredError& error) {
-    // What was taken for no option and no command says more than that a command is missing.
-    const std::vector<std::string> unknown = app.remaining();
-    if (unknown.empty()) return {std::nullopt, (app.exit(error), static_cast<int>(kBadInput))};
-    return {std::nullopt, (app.exit(CLI::ExtrasError("kestrova", unknown)), static_cast<int>(kBadInput))};
   } catch (const CLI::ParseError& error) {
-    const bool asked = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
-    return {std::nullopt, asked ? app.exit(error) : (app.exit(error), static_cast<int>(kBadInput))};
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return {std::nullopt, app.exit(error)};
+    printError(platform::usage::refusalFor(app, error));
+    return {std::nullopt, kBadInput};
   }
   return {std::move(options), 0};
 }

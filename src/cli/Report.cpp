@@ -44,10 +44,9 @@ Mark markOf(Finding::State state) {
   return {"ill", "\033[31m"};
 }
 
-platform::Dictionary accountObject(const Account& account, const std::vector<BadLine>& badLines,
-                                   const platform::Dictionary& directives) {
+platform::Dictionary accountObject(const Account& account, const BadLines& badLines, const platform::Dictionary& directives) {
   platform::Array lines;
-  for (const BadLine& line : badLines)
+  for (const BadLine& line : badLines.told())
     lines.addObject(platform::Value(platform::Dictionary{{"line", line.number}, {"reason", line.reason}}));
   const auto known = [&account](std::uint64_t count) { return account.queueFault ? platform::Value() : platform::Value(count); };
   return {{"recorded", account.recorded},
@@ -59,10 +58,27 @@ platform::Dictionary accountObject(const Account& account, const std::vector<Bad
           {"inputUnread", account.inputUnread},
           {"reasons", reasonsObject(account.reasons)},
           {"badLines", lines},
+          {"badLineCount", badLines.count()},
           {"directives", directives}};
 }
 
 }  // namespace
+
+void BadLines::add(std::uint64_t number, const std::string& reason) {
+  if (told_.size() < kMostTold)
+    tell(number, reason);
+  else
+    ++untold_;
+}
+
+void BadLines::tell(std::uint64_t number, const std::string& reason) {
+  told_.push_back({number, reason});
+  printError(fmt::format("line {}: {}; skipped", number, reason));
+}
+
+void BadLines::tellTheRest() const {
+  if (untold_ > 0) printError(counted(untold_, "more line") + " skipped");
+}
 
 platform::Dictionary reasonsObject(const std::map<std::string, std::uint64_t>& reasons) {
   platform::Dictionary object;
@@ -88,7 +104,7 @@ void printReasons(const std::map<std::string, std::uint64_t>& reasons) {
     printLine(fmt::format("  {}{}", reason, count > 1 ? fmt::format(" ({} times)", count) : ""));
 }
 
-void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json) {
+void printAccount(const Account& account, const BadLines& badLines, const platform::Dictionary& directives, bool json) {
   if (account.queueFault) printError("cannot read the queue: " + *account.queueFault);
   if (json) {
     printJSON(accountObject(account, badLines, directives));

@@ -19,8 +19,28 @@ struct BadLine {
   std::string reason;
 };
 
+/// Lines of an input that were skipped. Only the first are told one by one: a file of another kind would bury everything else.
+class BadLines {
+ public:
+  static constexpr std::size_t kMostTold = 10;
+
+  /// Notes a line, and tells of it while there are few.
+  void add(std::uint64_t number, const std::string& reason);
+  /// Notes a line and tells of it, however many there are.
+  void tell(std::uint64_t number, const std::string& reason);
+  /// Tells how many were not told.
+  void tellTheRest() const;
+
+  std::uint64_t count() const { return told_.size() + untold_; }
+  const std::vector<BadLine>& told() const { return told_; }
+
+ private:
+  std::uint64_t untold_ = 0;
+  std::vector<BadLine> told_;
+};
+
 /// The account of a run that sent something: on standard output, as sentences or as one JSON object.
-void printAccount(const Account& account, const std::vector<BadLine>& badLines, const platform::Dictionary& directives, bool json);
+void printAccount(const Account& account, const BadLines& badLines, const platform::Dictionary& directives, bool json);
 /// A line for each reason, with how often it was there.
 void printReasons(const std::map<std::string, std::uint64_t>& reasons);
 /// The reasons as a JSON object, each with how often it was there.

@@ -14,6 +14,7 @@
 #include "devserver/Files.h"
 #include "devserver/Journal.h"
 #include "devserver/Json.h"
+#include "platform/linux/UsageErrors.h"
 
 namespace devserver {
 namespace {
@@ -114,7 +115,9 @@ struct RawOptions {
 void declare(CLI::App& app, RawOptions& raw) {
   app.footer(kFooter);
   app.get_formatter()->column_width(28);
-  app.add_option("--port", raw.port, "port on loopback; 0 picks a free one (8443)")->type_name("N");
+  app.add_option("--port", raw.port, "port on loopback; 0 picks a free one (8443)")
+      ->type_name("N")
+      ->check(platform::usage::numberFrom<std::int64_t>(0, std::numeric_limits<std::uint16_t>::max()));
   app.add_option("--state", raw.state, "folder for certificates and journal (the user's state folder)")->type_name("DIR");
   app.add_option("--journal", raw.journal, "what was received, one JSON object a line (journal.jsonl in the state folder)")
       ->type_name("FILE");
@@ -129,14 +132,13 @@ void declare(CLI::App& app, RawOptions& raw) {
   app.add_option("--apps", raw.appsFiles, "JSON object of ids and secrets")->type_name("FILE")->allow_extra_args(false);
   app.add_option("--idle-timeout", raw.idleTimeout, "seconds without progress after which a connection is closed (60)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.05, 3600.0).description(""));
+      ->check(platform::usage::numberFrom(0.05, 3600.0));
   for (const std::string& name : behaviourNames())
     app.add_option("--" + name, raw.behaviour[name], helpOf(name))->type_name("JSON")->group("Misbehaviour");
 }
 
 Options optionsOf(const CLI::App& app, const RawOptions& raw) {
   Options options;
-  if (raw.port < 0 || raw.port > std::numeric_limits<std::uint16_t>::max()) fail("--port must be from 0 to 65535");
   options.port = static_cast<std::uint16_t>(raw.port);
   options.state = raw.state.empty() ? defaultState() : std::filesystem::absolute(raw.state);
   options.journal = raw.journal.empty() ? options.state / "journal.jsonl" : std::filesystem::absolute(raw.journal);
@@ -168,7 +170,7 @@ std::expected<Options, int> parseOptions(int argc, const char* const* argv) {
     return optionsOf(app, raw);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return std::unexpected(app.exit(error));
-    printError(error.what() + std::string("\nRun with --help for more information."));
+    printError(platform::usage::refusalFor(app, error));
     return std::unexpected(2);
   }
 }

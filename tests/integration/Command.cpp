@@ -18,6 +18,7 @@ namespace test {
 namespace {
 
 using platform::Value;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -92,6 +93,7 @@ TEST_F(Command, BadLinesAreNamedAndSkippedAndTheRestGoesOn) {
   EXPECT_THAT(done.errors, HasSubstr("kestrova: line 8: unknown key \"date\"; skipped"));
   EXPECT_THAT(done.errors, HasSubstr("kestrova: line 9: \"event\" is not a name; skipped"));
   EXPECT_EQ(done.report.objectForKey("badLines")->count(), 7U);
+  EXPECT_EQ(done.number("badLineCount"), 7U);
 }
 
 TEST_F(Command, WhatCannotBeDeliveredIsKeptAndFlushed) {
@@ -216,22 +218,71 @@ TEST_F(Command, BadUsageIsToldWithStatus2) {
     EXPECT_EQ(done.end, "exited with 2") << word;
     EXPECT_THAT(done.errors, HasSubstr(word));
   };
-  withStatus2({}, "subcommand");
-  withStatus2({"nonsense"}, "nonsense");
-  withStatus2({"event"}, "NAME");
   withStatus2({"event", "a", "--data", "[1]"}, "--data: not a JSON object");
   withStatus2({"event", "a", "--data", "{"}, "--data: not valid JSON");
-  withStatus2({"--timeout", "soon", "queue"}, "--timeout");
-  withStatus2({"--secret-file", home.path() + "/none", "queue"}, "cannot read");
   withStatus2({"events", home.path() + "/none"}, "No such file");
-  withStatus2({"--api-host", "https://example.com/", "flush"}, "is no host name");
-  withStatus2({"flush"}, "--secret-file", {{"KESTROVA_SECRET", ""}});
+}
+
+TEST_F(Command, AWrongCommandLineIsToldInOneSentenceWithTheWayToHelp) {
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string sentence;
+    std::string helpOf;  // the command whose help is offered
+  };
+  const std::string missing = home.path() + "/none";
+  for (const Case& wrong : std::vector<Case>{
+           {{}, "a command is missing", ""},
+           {{"nonsense"}, "there is no command \"nonsense\"", ""},
+           {{"evnet", "opened"}, "there is no command \"evnet\"; did you mean \"event\"?", ""},
+           {{"share"}, "share needs one of its commands: submit, refresh, list", " share"},
+           {{"share", "lst"}, "there is no command \"lst\"; did you mean \"list\"?", " share"},
+           {{"event"}, "event needs NAME", " event"},
+           {{"share", "submit"}, "share submit needs --data", " share submit"},
+           {{"flush"}, "flush needs --secret-file (or KESTROVA_SECRET)", " flush"},
+           {{"queue", "x", "y"}, "\"x\" is one word too many for queue", " queue"},
+           {{"queue", "--jsn"}, "there is no option --jsn; did you mean \"--json\"?", " queue"},
+           {{"event", "--dta={}"}, "there is no option --dta; did you mean \"--data\"?", " event"},
+           {{"--nonsense", "queue"}, "there is no option --nonsense", " queue"},
+           {{"queue", "--home"}, "--home needs a value", " queue"},
+           {{"--home", "a", "--home", "b", "queue"}, "--home stands more than once", " queue"},
+           {{"--json=maybe", "queue"}, "--json takes no value", " queue"},
+           {{"--timeout", "soon", "queue"}, "--timeout: \"soon\" is no number from 0 to 1000000", " queue"},
+           {{"--timeout", "-1", "queue"}, "--timeout: \"-1\" is no number from 0 to 1000000", " queue"},
+           {{"--secret-file", missing, "queue"}, "--secret-file: cannot read " + missing + ": No such file or directory", " queue"},
+           {{"--api-host", "https://example.com/", "queue"},
+            "--api-host: 'https://example.com/' is no host name with an optional port",
+            " queue"}}) {
+    const Run done = run(wrong.arguments, nullptr, {{"KESTROVA_SECRET", ""}});
+    EXPECT_EQ(done.end, "exited with 2");
+    EXPECT_EQ(done.output, "");
+    EXPECT_EQ(done.errors, "kestrova: " + wrong.sentence + "\nRun `kestrova" + wrong.helpOf + " --help` to see what it takes.\n");
+  }
+}
+
+TEST_F(Command, AFileOfBadLinesDoesNotFloodTheTerminal) {
+  std::string input;
+  for (int line = 1; line <= 1000; ++line) input += line == 500 ? "{\"event\": \"a\"}\n" : "[]\n";
+  const Run done = run({"--json", "events", file("events", input)});
+  EXPECT_EQ(done.end, "exited with 3");
+  std::string expected;
+  for (int line = 1; line <= 10; ++line) expected += "kestrova: line " + std::to_string(line) + ": not a JSON object; skipped\n";
+  EXPECT_EQ(done.errors, expected + "kestrova: 989 more lines skipped\n");
+  EXPECT_EQ(done.number("recorded"), 1U);
+  EXPECT_EQ(done.number("badLineCount"), 999U);
+  EXPECT_EQ(done.report.objectForKey("badLines")->count(), 10U);
+
+  const Run eleven = run({"events", file("events", "[]\n[]\n[]\n[]\n[]\n[]\n[]\n[]\n[]\n[]\n[]\n")});
+  EXPECT_THAT(eleven.errors, EndsWith("kestrova: line 10: not a JSON object; skipped\nkestrova: 1 more line skipped\n"));
 }
 
 TEST_F(Command, HelpIsNoError) {
   const Run help = run({"--help"});
   EXPECT_EQ(help.end, "exited with 0");
   EXPECT_THAT(help.output, HasSubstr("Examples:"));
+  const Run ofCommand = run({"event", "--help"});
+  EXPECT_EQ(ofCommand.end, "exited with 0");
+  EXPECT_THAT(ofCommand.output, Not(HasSubstr("Examples:")));
+  EXPECT_THAT(ofCommand.output, HasSubstr("`kestrova --help` has the options of all commands"));
 }
 
 TEST_F(Command, TheSecretIsReadFromAFileAndIsNowhereToBeSeen) {

@@ -333,15 +333,15 @@ TEST_F(ShareCommand, BadInputIsToldWithStatus2) {
     EXPECT_EQ(done.end, "exited with 2") << word;
     EXPECT_THAT(done.errors, HasSubstr(word));
   };
-  withStatus2({"share"}, "subcommand");
-  withStatus2({"share", "submit"}, "--data");
+  withStatus2({"share"}, "kestrova: share needs one of its commands: submit, refresh, list\n");
+  withStatus2({"share", "submit"}, "kestrova: share submit needs --data\n");
   withStatus2({"share", "submit", "--data", "{"}, "kestrova: --data: not valid JSON");
   withStatus2({"share", "submit", "--data", "[1]"}, "kestrova: --data: not a JSON object");
   withStatus2({"share", "submit", "--data", "{}", "--url", "http://["}, "kestrova: --url: 'http://[' is no URL");
-  withStatus2({"share", "refresh"}, "REFERRAL-CODE");
+  withStatus2({"share", "refresh"}, "kestrova: share refresh needs REFERRAL-CODE\n");
   withStatus2({"share", "refresh", "abcdefgh1", "abcdefg"},
               "kestrova: 'abcdefg' is no referral code: it has eight characters for the user and then the share's own");
-  withStatus2({"patch"}, "JSON");
+  withStatus2({"patch"}, "kestrova: patch needs JSON\n");
   withStatus2({"patch", "nonsense"}, "kestrova: JSON: not valid JSON");
   withStatus2({"patch", "{}"}, "kestrova: JSON: there is nothing to add in an empty object");
 }

@@ -139,6 +139,25 @@ TEST_F(TransferService, ATaskThatIsPutThereWhileItRunsIsTakenWithoutAWakeUp) {
   EXPECT_TRUE(server.waitForRequests(1, std::chrono::seconds(20)));
 }
 
+TEST_F(TransferService, AWrongCommandLineIsToldInOneSentenceWithTheWayToHelp) {
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string sentence;
+  };
+  for (const Case& wrong : std::vector<Case>{
+           {{"--max-uploads", "0"}, "--max-uploads: \"0\" is no whole number from 1 to 1000"},
+           {{"--idle-seconds", "long"}, "--idle-seconds: \"long\" is no number from 0 to 1000000000"},
+           {{"--directory", "here"}, "--directory: \"here\" is no absolute path"},
+           {{"--bckground"}, "there is no option --bckground; did you mean \"--background\"?"},
+           {{"now"}, "\"now\" is one word too many for kestrova-transferd"},
+       }) {
+    Program program(binary("kestrova-transferd"), wrong.arguments);
+    EXPECT_EQ(program.waitForEnd(), "exited with 2");
+    EXPECT_EQ(program.errors(),
+              "kestrova-transferd: " + wrong.sentence + "\nRun `kestrova-transferd --help` to see what it takes.\n");
+  }
+}
+
 TEST_F(TransferService, AFolderThatOthersCanWriteToIsRefused) {
   fs::permissions(directory_.path(), fs::perms::others_write, fs::perm_options::add);
   auto service = start();

@@ -254,7 +254,8 @@ TEST_F(UploadCommand, BadInputIsNamed) {
             "exited with 2: kestrova: cannot read " + home.path() + ": Is a directory\n");
   EXPECT_EQ(said({"upload", gifFile(), "--share-id", "a b"}),
             "exited with 2: kestrova: --share-id: 'a b' is no share identifier: letters, digits and -._~ only\n");
-  EXPECT_THAT(said({"upload", gifFile()}), testing::StartsWith("exited with 2: --share-id is required\n"));
+  EXPECT_EQ(said({"upload", gifFile()}),
+            "exited with 2: kestrova: upload needs --share-id\nRun `kestrova upload --help` to see what it takes.\n");
   EXPECT_EQ(said({"uploads", "cancel", "x"}), "exited with 2: kestrova: no transfer service runs, and no upload waits for one\n");
   EXPECT_EQ(said({"handle-events"}),
             "exited with 2: kestrova: there are no events to handle: the transfer service starts this command\n");

@@ -391,6 +391,11 @@ class Hosts(unittest.TestCase):
             page = run("mandoc", "-T", "ascii", self.installed / f"share/man/man1/{program}.1")
             self.assertIn("SYNOPSIS", re.sub(".\b", "", page))
 
+    def test_demo(self):
+        """The installed command shows what it can do with nothing but what is installed."""
+        shown = run(self.installed / "bin/kestrova", "demo", env=environment(self.folder))
+        self.assertIn("The server's records agree with the input.", shown)
+
     def test_completion(self):
         """A shell finds the completion by the command's name, as bash-completion looks for it."""
         script = self.installed / "share/bash-completion/completions/kestrova"

@@ -2,6 +2,11 @@
 #include "transfer/linux/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "platform/linux/UsageErrors.h"
 
 namespace transfer {
 
@@ -15,17 +20,20 @@ ParseResult parseOptions(int argc, char** argv) {
   app.add_option("--directory", options.directory,
                  "The service's folder (default KESTROVA_TRANSFER_DIR, else the user's state folder)")
       ->type_name("DIR")
-      ->check([](const std::string& path) { return path.starts_with('/') ? std::string() : "must be an absolute path"; });
+      ->check(
+          [](const std::string& path) { return path.starts_with('/') ? std::string() : "\"" + path + "\" is no absolute path"; });
   app.add_option("--idle-seconds", options.idleSeconds, "End after so long with nothing to do (default 60)")
       ->type_name("N")
-      ->check(CLI::Range(0.0, 1e9).description(""));
+      ->check(platform::usage::numberFrom(0.0, 1e9));
   app.add_option("--max-uploads", options.maxUploads, "Uploads at once, 1000 at most (default 8)")
       ->type_name("N")
-      ->check(CLI::Range(1, 1000).description(""));
+      ->check(platform::usage::numberFrom<std::int64_t>(1, 1000));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return {std::nullopt, app.exit(error) == 0 ? 0 : 2};
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return {std::nullopt, app.exit(error)};
+    (void)std::fprintf(stderr, "kestrova-transferd: %s\n", platform::usage::refusalFor(app, error).c_str());
+    return {std::nullopt, 2};
   }
   return {options, 0};
 }
