@@ -37,8 +37,9 @@ using KSVShareUpdateCallback = std::function<void(const KSVShares& updatedShares
 
 class KESTROVA_EXPORT KSVData final : public platform::URLSessionDelegate, public std::enable_shared_from_this<KSVData> {
  public:
-  /// Calls that the platform, or the cookie match, is waiting for.
+  /// What the platform has called when a background session has come to its end.
   using CompletionHandler = std::function<void()>;
+  /// Told whether the browser took the address of a cookie match in time.
   using CookieMatchCompletion = std::function<void(bool didComplete)>;
 
   /// The only constructor. A missing secret is kept as missing: nothing can be signed then. Makes the serial queue, takes the
