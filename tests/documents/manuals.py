@@ -46,9 +46,10 @@ class Manual:
         return found
 
     def add_command(self, words):
-        length = next((at for at, word in enumerate(words) if word in ("Ar", "Op", "Fl")), len(words))
+        length = next((at for at, word in enumerate(words) if word in ("Ar", "Op", "Oo", "Fl")), len(words))
         operands = [words[at + 1] for at, word in enumerate(words) if word == "Ar" and (at < 2 or words[at - 2] != "Fl")]
-        self.commands[tuple(words[:length])] = (self.options_of(words), operands)
+        required = {"-" + words[at + 1] for at, word in enumerate(words) if word == "Fl" and words[at - 1] not in ("Op", "Oo")}
+        self.commands[tuple(words[:length])] = (self.options_of(words), operands, required)
 
 
 def differences(manual, helps):
@@ -57,11 +58,13 @@ def differences(manual, helps):
     told = {words: told for words, told in helps.items() if words and not told.commands or words in manual.commands}
     found += compared("command", dict.fromkeys(manual.commands), dict.fromkeys(told))
     for words in told.keys() & manual.commands.keys():
-        options, operands = manual.commands[words]
+        options, operands, required = manual.commands[words]
         own = {name: value for name, value in told[words].options.items() if name not in ("-h", "--help")}
         found += [f"{' '.join(words)}: {line}" for line in compared("option", options, own)]
         if operands != told[words].operands:
             found.append(f"{' '.join(words)}: operands {operands} in the manual, {told[words].operands} in the help")
+        if required != told[words].required:
+            found.append(f"{' '.join(words)}: required are {sorted(required)} in the manual, {sorted(told[words].required)} in the help")
     return found
 
 
@@ -130,6 +133,7 @@ class TheTestItself(unittest.TestCase):
         self.assertEqual(["option --port takes X in the manual, N in the help"], self.found(self.TEXT.replace("Ar N", "Ar X")))
         self.assertEqual(["the manual has no command ('put', 'back')"], self.found(self.TEXT.replace(".It Cm put back\n", "")))
         self.assertEqual(["put: the manual has no option --to"], self.found(self.TEXT.replace(" Op Fl -to Ar ID", "")))
+        self.assertEqual(["put: required are ['--to'] in the manual, [] in the help"], self.found(self.TEXT.replace("Op Fl -to", "Fl -to")))
         self.assertEqual(["put: operands ['NAME'] in the manual, ['FILE'] in the help"], self.found(self.TEXT.replace("FILE", "NAME")))
 
     def test_a_variable_that_is_read_and_not_named(self):

@@ -10,10 +10,10 @@ ENTRY = re.compile(r"^  (\S.*?)(?:  +\S.*)?$")
 
 
 class Help:
-    """`options` by their names, each with the name of its value or None; `operands` and `commands` in order."""
+    """`options` by their names, each with the name of its value or None, and which of them are `required`; `operands` and `commands`."""
 
     def __init__(self, text):
-        self.options, self.operands, self.commands = {}, [], []
+        self.options, self.required, self.operands, self.commands = {}, set(), [], []
         heading = None
         for line in text.splitlines():
             found = HEADING.match(line)
@@ -35,6 +35,8 @@ class Help:
             values = [word for word in words[1:] if word not in ("...", "REQUIRED")]
             for name in words[0].split(","):
                 self.options[name] = values[0] if values else None
+                if "REQUIRED" in words:
+                    self.required.add(name)
 
 
 def helps_of(program):
