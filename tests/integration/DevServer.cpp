@@ -21,12 +21,12 @@
 #include <utility>
 #include <vector>
 
-#include "companions/KSVHawkAuth.h"
 #include "platform/JSONSerialization.h"
 #include "platform/Process.h"
 #include "platform/linux/OpenSSLDigest.h"
 #include "platform/linux/RapidJSONSerialization.h"
 #include "support/HttpsClient.h"
+#include "support/SignedRequest.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -40,28 +40,12 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-const std::string kMediaType = "application/vnd.kestrova.v1+json";
-const std::string kDevice = "3F2504E0-4F89-41D3-9A0C-0305E82C3301";
 const std::string kBatch = R"({"data":[{"event":"opened","eventData":{"sessionId":"s"},"localTime":"2026-11-20T20:19:39.000Z"},)"
                            R"({"event":"shared","eventData":{"n":1.25},"localTime":null}]})";
 
-/// A request before it is signed; each test spoils what it is about.
-struct Request {
-  std::string method = "POST";
-  std::string target = "/events";
-  std::string body = kBatch;
-  std::string contentType = kMediaType;
-  std::string id = DevServer::kAppId;
-  std::string key = DevServer::kSecret;
-  std::string nonce = nextNonce();
-  std::int64_t clockOffset = 0;
-  bool signsBody = true;
-  std::string moreFields;
-
-  static std::string nextNonce() {
-    static int count = 0;
-    return "nonce" + std::to_string(++count);
-  }
+/// With a batch of two events.
+struct Request : test::SignedRequest {
+  Request() { body = kBatch; }
 };
 
 class DevServerTest : public ::testing::Test {
@@ -71,48 +55,7 @@ class DevServerTest : public ::testing::Test {
     process_.json = platform::makeRapidJSONSerialization();
   }
 
-  static KSVHawkAuth signer(const Request& request, const DevServer& server) {
-    KSVHawkAuth hawk;
-    hawk.setCredentials(KSVHawkCredentials::initWithHawkIdWithKeyWithAlgorithm(request.id, request.key, KSVCryptoAlgorithmSHA256));
-    hawk.setContentType(kMediaType);
-    hawk.setExt(kDevice);
-    hawk.setMethod(request.method);
-    hawk.setRequestUri(request.target);
-    hawk.setHost("localhost");
-    hawk.setPort(server.port());
-    hawk.setNonce(request.nonce);
-    hawk.setTimestamp(platform::Date::dateWithTimeIntervalSince1970(static_cast<double>(std::time(nullptr) + request.clockOffset)));
-    if (request.signsBody) hawk.setPayload(request.body);
-    return hawk;
-  }
-
-  static std::string authorization(const Request& request, const DevServer& server) {
-    return signer(request, server).requestHeader().value();
-  }
-
-  /// The header on the wire, with the Content-Length of a body of `length` bytes.
-  static std::string head(const Request& request, const DevServer& server, const std::string& authorizationField,
-                          std::optional<std::size_t> length = std::nullopt) {
-    std::string text = request.method + " " + request.target + " HTTP/1.1\r\nHost: " + server.host() + "\r\n";
-    if (!authorizationField.empty()) text += "Authorization: " + authorizationField + "\r\n";
-    text += "Content-Type: " + request.contentType + "\r\n";
-    if (length) text += "Content-Length: " + std::to_string(*length) + "\r\n";
-    return text + request.moreFields + "\r\n";
-  }
-
-  static std::string wire(const Request& request, const DevServer& server) {
-    return head(request, server, authorization(request, server), request.body.size()) + request.body;
-  }
-
-  /// One exchange on a connection of its own.
-  static HttpAnswer exchange(const DevServer& server, const std::string& text) {
-    HttpsClient client(server.port(), server.authorityFile());
-    EXPECT_EQ(client.fault(), "");
-    EXPECT_TRUE(client.send(text));
-    const auto answer = client.read();
-    EXPECT_TRUE(answer.has_value()) << "no answer to " << text.substr(0, 200);
-    return answer.value_or(HttpAnswer());
-  }
+  static HttpAnswer exchange(const DevServer& server, const std::string& text) { return test::answerTo(server, text); }
   static HttpAnswer exchange(const DevServer& server, const Request& request) { return exchange(server, wire(request, server)); }
   static HttpAnswer get(const DevServer& server, const std::string& target) {
     return exchange(server, "GET " + target + " HTTP/1.1\r\nHost: " + server.host() + "\r\n\r\n");
@@ -160,7 +103,7 @@ TEST_F(DevServerTest, GoodBatchIsTakenKeptAndPrinted) {
   EXPECT_EQ(Value(entry), Value(Dictionary{{"app", "com.example.app"},
                                            {"bytes", kBatch.size()},
                                            {"connection", 1},
-                                           {"device", kDevice},
+                                           {"device", Request::kDevice},
                                            {"method", "POST"},
                                            {"path", "/events"},
                                            {"target", "/events"},
@@ -374,7 +317,7 @@ TEST_F(DevServerTest, StaleRequestIsChallengedWithATimeThatCanBeVerified) {
   ASSERT_TRUE(time.has_value()) << answer.field("www-authenticate");
   EXPECT_NEAR(time->timeIntervalSince1970(), static_cast<double>(std::time(nullptr) - 3600), 60);
 
-  request.clockOffset = -3600;
+  request.ahead = -3600;
   request.nonce = Request::nextNonce();
   EXPECT_EQ(exchange(server, request).status, 200);
   EXPECT_THAT(verdicts(server), ElementsAre("Stale timestamp", "ok"));
@@ -409,7 +352,7 @@ TEST_F(DevServerTest, StaleGifIsRefusedBeforeItsBodyIsRead) {
   Request request;
   request.target = "/gifs?shareId=abc123";
   request.signsBody = false;
-  request.clockOffset = 3600;  // ahead; the past has eight days
+  request.ahead = 3600;  // the past has eight days
   HttpsClient client(server.port(), server.authorityFile());
   ASSERT_TRUE(client.send(head(request, server, authorization(request, server), 1'000'000)));
   EXPECT_EQ(client.read().value().body, R"({"error":"Stale timestamp"})");
@@ -733,7 +676,7 @@ TEST_F(DevServerTest, EveryAnswerTellsTheServersTime) {
     EXPECT_NEAR(static_cast<double>(::timegm(&time)), static_cast<double>(std::time(nullptr) - 86400), 60);
   };
   Request request;
-  request.clockOffset = -86400;
+  request.ahead = -86400;
   expectDate(exchange(server, request), 200);
   expectDate(exchange(server, Request()), 401);
   expectDate(get(server, "/"), 200);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -15,13 +14,13 @@
 #include <utility>
 #include <vector>
 
-#include "companions/KSVHawkAuth.h"
 #include "platform/Process.h"
 #include "platform/linux/OpenSSLDigest.h"
 #include "support/DevServer.h"
 #include "support/Event.h"
 #include "support/Files.h"
 #include "support/HttpsClient.h"
+#include "support/SignedRequest.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -50,23 +49,11 @@ class DevServerGifs : public ::testing::Test {
 
   /// The head of an upload, signed once; what is sent with the same one is what an upload that is tried again sends.
   static std::string head(const DevServer& server, std::size_t length, const std::string& nonce = "n", std::int64_t age = 0) {
-    KSVHawkAuth hawk;
-    hawk.setCredentials(
-        KSVHawkCredentials::initWithHawkIdWithKeyWithAlgorithm(DevServer::kAppId, DevServer::kSecret, KSVCryptoAlgorithmSHA256));
-    hawk.setMethod("POST");
-    hawk.setRequestUri("/gifs?shareId=abc123");
-    hawk.setHost("localhost");
-    hawk.setPort(server.port());
-    hawk.setNonce(nonce);
-    hawk.setTimestamp(platform::Date::dateWithTimeIntervalSince1970(static_cast<double>(std::time(nullptr) - age)));
-    return "POST /gifs?shareId=abc123 HTTP/1.1\r\nHost: " + server.host() + "\r\nAuthorization: " + hawk.requestHeader().value() +
-           "\r\nContent-Type: image/gif\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+    const test::SignedRequest request{
+        .target = "/gifs?shareId=abc123", .contentType = "image/gif", .nonce = nonce, .ahead = -age, .signsBody = false};
+    return test::head(request, server, test::authorization(request, server), length);
   }
-  static HttpAnswer exchange(const DevServer& server, const std::string& text) {
-    HttpsClient client(server.port(), server.authorityFile());
-    EXPECT_TRUE(client.send(text)) << client.fault();
-    return client.read().value_or(HttpAnswer());
-  }
+  static HttpAnswer exchange(const DevServer& server, const std::string& text) { return test::answerTo(server, text); }
   static std::string told(const HttpAnswer& answer) { return std::to_string(answer.status) + " " + answer.body; }
 
   /// Waits until a part of that size, or more, is in the folder: the server has so much and not all.

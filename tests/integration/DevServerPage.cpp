@@ -2,18 +2,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "companions/KSVHawkAuth.h"
 #include "platform/Process.h"
 #include "platform/linux/OpenSSLDigest.h"
 #include "platform/linux/RapidJSONSerialization.h"
 #include "support/DevServer.h"
 #include "support/HttpsClient.h"
+#include "support/SignedRequest.h"
 
 namespace {
 
@@ -22,6 +21,7 @@ using platform::Value;
 using test::DevServer;
 using test::HttpAnswer;
 using test::HttpsClient;
+using test::SignedRequest;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -34,42 +34,13 @@ class DevServerPage : public ::testing::Test {
     process_.digest = std::make_shared<platform::OpenSSLDigest>();
   }
 
-  struct Signing {
-    std::string target = "/events";
-    std::string body = kBatch;
-    std::string nonce = nextNonce();
-    std::int64_t ahead = 0;
-    std::string key = DevServer::kSecret;
-  };
-  static std::string nextNonce() {
-    static int count = 0;
-    return "nonce" + std::to_string(++count);
+  /// A signed POST as a client sends it, of one event where nothing else is said; of an upload the header alone is signed.
+  std::string signedPost(SignedRequest request) const {
+    if (request.body.empty()) request.body = kBatch;
+    request.signsBody = !request.target.starts_with("/gifs");
+    return test::wire(request, server_);
   }
-
-  /// A signed POST as a client sends it; of an upload the header alone is signed.
-  std::string signedPost(const Signing& signing) const {
-    KSVHawkAuth hawk;
-    hawk.setCredentials(
-        KSVHawkCredentials::initWithHawkIdWithKeyWithAlgorithm(DevServer::kAppId, signing.key, KSVCryptoAlgorithmSHA256));
-    hawk.setContentType("application/json");
-    hawk.setExt("device-1");
-    hawk.setMethod("POST");
-    hawk.setRequestUri(signing.target);
-    hawk.setHost("localhost");
-    hawk.setPort(server_.port());
-    hawk.setNonce(signing.nonce);
-    hawk.setTimestamp(platform::Date::dateWithTimeIntervalSince1970(static_cast<double>(std::time(nullptr) + signing.ahead)));
-    if (!signing.target.starts_with("/gifs")) hawk.setPayload(signing.body);
-    return "POST " + signing.target + " HTTP/1.1\r\nHost: " + server_.host() +
-           "\r\nAuthorization: " + hawk.requestHeader().value() +
-           "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(signing.body.size()) + "\r\n\r\n" +
-           signing.body;
-  }
-  HttpAnswer exchange(const std::string& text) const {
-    HttpsClient client(server_.port(), server_.authorityFile());
-    EXPECT_TRUE(client.send(text)) << client.fault();
-    return client.read().value_or(HttpAnswer());
-  }
+  HttpAnswer exchange(const std::string& text) const { return test::answerTo(server_, text); }
   HttpAnswer ask(const std::string& line, const std::string& fields = "", const std::string& body = "") const {
     return exchange(line + " HTTP/1.1\r\nHost: " + server_.host() + "\r\n" + fields +
                     (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body);
@@ -152,7 +123,7 @@ TEST_F(DevServerPage, FeedIsPagedNewestFirst) {
   const Dictionary event = items().at(1);
   EXPECT_EQ(text(event, "name"), "opened");
   EXPECT_EQ(text(event, "session"), "s1");
-  EXPECT_EQ(text(event, "device"), "device-1");
+  EXPECT_EQ(text(event, "device"), SignedRequest::kDevice);
   EXPECT_EQ(text(event, "app"), DevServer::kAppId);
   EXPECT_EQ(text(event, "time"), "2026-11-20T20:19:39.000Z");
 
@@ -178,7 +149,7 @@ TEST_F(DevServerPage, EachRefusalIsExplained) {
   changed.replace(changed.find("opened"), 6, "closed");
   exchange(changed);
   EXPECT_EQ(told("payload"), "wrong: The hash does not fit the body: " + std::to_string(kBatch.size()) +
-                                 " bytes, sent as \"application/json\". Either differs from what was signed.");
+                                 " bytes, sent as \"application/vnd.kestrova.v1+json\". Either differs from what was signed.");
 
   const std::string twice = signedPost({});
   exchange(twice);
