@@ -60,7 +60,7 @@ bool TransferServiceProcess::canBeStarted() const {
   // Without a PATH the C library has this one.
   std::istringstream folders(environmentText("PATH").value_or("/bin:/usr/bin"));
   for (std::string folder; std::getline(folders, folder, ':');)
-    if (isProgram(folder + "/" + name)) return true;
+    if (isProgram(folder.append("/").append(name))) return true;
   return false;
 }
 
