@@ -90,7 +90,7 @@ class SocketTransferLink final : public TransferLink, public std::enable_shared_
   void tryToConnect();
   std::expected<FileDescriptor, int> connectedSocket();
   void greet();
-  void giveUp(bool mayStartService);
+  void giveUp(bool mayStartService, milliseconds leastWait = milliseconds::zero());
   void giveUpForLong(const std::string& cause);
   void startService();
   void noteEndOfService();
@@ -102,6 +102,7 @@ class SocketTransferLink final : public TransferLink, public std::enable_shared_
   void disconnect();
   bool isListenerSatisfied();
   void beginWhenAsked();
+  bool takeAsk();
   void setDeadline(milliseconds wait) { deadline_ = time_->now() + wait; }
 
   const std::optional<std::string> directory_;
@@ -128,14 +129,15 @@ class SocketTransferLink final : public TransferLink, public std::enable_shared_
   FileDescriptor socket_;
   transfer::MessageReader reader_;
   std::string unsent_;
-  int failedTries_ = 0;                // since it was asked for last, or a connection stood
-  int triesSinceStart_ = 0;            // of those, since the service was started
-  int starts_ = 0;                     // since a connection stood
+  // Since the link was asked for last, or a connection stood.
+  int failedTries_ = 0;                // but for those while the program starts
+  int triesSinceStart_ = 0;            // since the service was started, if it was
+  int starts_ = 0;                     // and the one before the ask
   int shortLives_ = 0;                 // connections in a row that broke soon
   steady_clock::time_point deadline_;  // of waiting and greeting
   steady_clock::time_point connectedAt_;
   std::string complaint_;  // the last that went to the system log since a connection stood
-  std::optional<steady_clock::time_point> nextStartAt_;
+  std::optional<steady_clock::time_point> startedAt_;
 };
 
 // Callers.
@@ -224,12 +226,18 @@ void SocketTransferLink::step() {
 // Whoever asks does not wait for the end of a pause, and makes none longer: an application that takes up many sessions asks many
 // times before the service can be there.
 void SocketTransferLink::beginWhenAsked() {
-  if (state_ != State::kIdle && state_ != State::kWaiting) return;
+  if (state_ == State::kIdle || state_ == State::kWaiting) (void)takeAsk();
+}
+
+// Whether somebody has asked since the thread looked last; the next try is due then.
+bool SocketTransferLink::takeAsk() {
   const std::lock_guard lock(mutex_);
-  if (!std::exchange(isAsked_, false)) return;
+  if (!std::exchange(isAsked_, false)) return false;
   failedTries_ = triesSinceStart_ = 0;
+  starts_ = std::min(starts_, 1);
   state_ = State::kWaiting;
   setDeadline(milliseconds::zero());
+  return true;
 }
 
 // What was asked until now the listener knows of; what is asked from now on makes a new connection.
@@ -287,11 +295,12 @@ void SocketTransferLink::greet() {
 }
 
 // After a try that failed: another one later, if it is worth it.
-void SocketTransferLink::giveUp(bool mayStartService) {
+void SocketTransferLink::giveUp(bool mayStartService, milliseconds leastWait) {
   // A service that dies at each start must not be started without pause.
   if (state_ == State::kConnected) shortLives_ = time_->now() - connectedAt_ < kShortLife ? shortLives_ + 1 : 0;
   disconnect();
-  ++failedTries_;
+  if (takeAsk()) return;
+  if (!service_.isRunning()) ++failedTries_;
   ++triesSinceStart_;
   if (!isWorthAnotherTry()) {
     failedTries_ = triesSinceStart_ = 0;
@@ -299,22 +308,22 @@ void SocketTransferLink::giveUp(bool mayStartService) {
   }
   if (mayStartService) startService();
   state_ = State::kWaiting;
-  setDeadline(std::max(growingWait(kFirstWait, triesSinceStart_, kLongestWait),
-                       growingWait(kFirstWait, shortLives_, kLongestWaitAfterLife)));
+  setDeadline(std::max({leastWait, growingWait(kFirstWait, triesSinceStart_, kLongestWait),
+                        growingWait(kFirstWait, shortLives_, kLongestWaitAfterLife)}));
 }
 
 // What a try right away would only meet again.
 void SocketTransferLink::giveUpForLong(const std::string& cause) {
   complain(cause);
-  giveUp(false);
-  if (state_ == State::kWaiting) setDeadline(kLongestWait);
+  giveUp(false, kLongestWait);
 }
 
 // The service that was just started answers soon, however long the tries before it had become.
 void SocketTransferLink::startService() {
   const auto now = time_->now();
-  if (service_.isRunning() || (nextStartAt_ && now < *nextStartAt_)) return;
-  nextStartAt_ = now + growingWait(kWaitForService, ++starts_, kLongestWait);
+  if (service_.isRunning() || (startedAt_ && now - *startedAt_ < growingWait(kWaitForService, starts_, kLongestWait))) return;
+  startedAt_ = now;
+  ++starts_;
   if (const int error = service_.start())
     complain("The transfer service cannot be started as “" + service_.program() + "”: " + systemErrorText(error) + ".");
   else
@@ -371,7 +380,7 @@ void SocketTransferLink::take(const transfer::Message& message) {
   connectedAt_ = time_->now();
   complaint_.clear();
   failedTries_ = triesSinceStart_ = starts_ = 0;
-  nextStartAt_.reset();
+  startedAt_.reset();
   {
     const std::lock_guard lock(mutex_);
     takesOutput_ = true;

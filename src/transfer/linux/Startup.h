@@ -13,7 +13,7 @@
 
 namespace transfer {
 
-/// How long one that starts waits for one that ends, and a caller for an answer.
+/// How long one that starts waits for one that ends, and who asks for an answer.
 inline constexpr std::chrono::seconds kStartLimit{30};
 
 /// The process that answers on the folder's socket; absent when none does.

@@ -105,11 +105,12 @@ std::string allFrom(const FileDescriptor& pipe) {
 int serveInBackground(const TransferDirectory& directory, const transfer::Options& options) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return fail("no pipe for the start in the background");
-  const FileDescriptor reading(ends[0]);
+  FileDescriptor reading(ends[0]);
   FileDescriptor writing(ends[1]);
   const pid_t child = fork();
   if (child < 0) return fail("no process for the start in the background");
   if (child == 0) {
+    (void)reading.close();
     detach();
     return serve(directory, options, std::move(writing));
   }

@@ -349,6 +349,7 @@ TEST_F(SocketTransferLinkTest, WhoAsksDoesNotWaitForTheEndOfAPause) {
 
 // An application that took up eighty sessions while its service was starting came to it after a minute.
 TEST_F(SocketTransferLinkTest, AsksInARowDoNotMakeThePausesLonger) {
+  options_.transferServicePath = folder_.path() + "/missing";  // its end would wake the thread as well
   for (int i = 0; i < 20; ++i) {
     const std::size_t before = time_->waits();
     link().connect();
@@ -360,6 +361,7 @@ TEST_F(SocketTransferLinkTest, AsksInARowDoNotMakeThePausesLonger) {
 }
 
 TEST_F(SocketTransferLinkTest, WhatNobodyNeedsIsTriedTenTimesSinceItWasAskedForLast) {
+  options_.transferServicePath = folder_.path() + "/missing";
   listener_->setNeed(Need::kNone);
   for (int i = 0; i < 20; ++i) {
     const std::size_t before = time_->waits();
@@ -371,6 +373,7 @@ TEST_F(SocketTransferLinkTest, WhatNobodyNeedsIsTriedTenTimesSinceItWasAskedForL
 }
 
 TEST_F(SocketTransferLinkTest, WhatNobodyNeedsIsGivenUpAfterTenTries) {
+  options_.transferServicePath = folder_.path() + "/missing";
   listener_->setNeed(Need::kNone);
   link().connect();
   letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560});
@@ -443,7 +446,8 @@ class StartedPrograms : public SocketTransferLinkTest {
     EXPECT_EQ(::mkfifo(path("statuses").c_str(), 0600), 0);
     starts_ = FileDescriptor(::open(path("starts").c_str(), O_RDWR | O_CLOEXEC));
     statuses_ = FileDescriptor(::open(path("statuses").c_str(), O_RDWR | O_CLOEXEC));
-    options_.transferServicePath = script("echo > " + path("starts") + "; read status < " + path("statuses") + "; exit $status");
+    options_.transferServicePath =
+        script("exec 3< " + path("statuses") + "; echo > " + path("starts") + "; read status <&3; exit $status");
   }
   ~StartedPrograms() override { end(0); }
 
@@ -512,6 +516,34 @@ TEST_F(StartedPrograms, OneThatRunsIsNotStartedAgain) {
   letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120, 10240, 20480, 40960});
   ASSERT_TRUE(time_->comesToWait(kMinute));
   EXPECT_FALSE(hasStarted());
+}
+
+TEST_F(StartedPrograms, WhoAsksDoesNotWaitUntilTheNextStartIsDue) {
+  link().connect();
+  ASSERT_TRUE(starts());
+  end(1);
+  ASSERT_TRUE(log_->notes.waitFor(1));
+  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560});
+  ASSERT_TRUE(starts());
+  end(2);
+  ASSERT_TRUE(log_->notes.waitFor(2));
+  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560});  // 5.11 seconds of 10
+  ASSERT_TRUE(time_->comesToWait(5120));
+  EXPECT_FALSE(hasStarted());
+  link().connect();
+  EXPECT_TRUE(starts());
+}
+
+TEST_F(StartedPrograms, WhatNobodyNeedsIsNotGivenUpWhileTheProgramStarts) {
+  listener_->setNeed(Need::kKeep);
+  link().connect();
+  ASSERT_TRUE(starts());
+  letPass({10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120});
+  ASSERT_TRUE(time_->comesToWait(10240));
+  listen();
+  time_->pass(10240);
+  const Peer peer = connected();
+  EXPECT_TRUE(listener_->notes.waitFor(1));
 }
 
 // It was met after the long wait to which the tries before its start had grown.
@@ -604,6 +636,19 @@ TEST_F(SocketTransferLinkTest, ANewQuestionAfterARefusalIsAskedAtOnce) {
   refusing.say(transfer::Refused{"the service speaks version 2, not version 1"});
   ASSERT_TRUE(time_->comesToWait(kMinute));
   link().connect();
+  const Peer peer = connected();
+  EXPECT_TRUE(listener_->notes.waitFor(1));
+}
+
+TEST_F(SocketTransferLinkTest, AQuestionWhileTheAnswerIsARefusalIsAskedAtOnce) {
+  listen();
+  link().connect();
+  Peer refusing = accept();
+  (void)refusing.hear();
+  const std::size_t before = time_->waits();
+  link().connect();
+  ASSERT_TRUE(time_->comesToWaitAfter(before)) << "it has heard of it, and waits for the answer to the first";
+  refusing.say(transfer::Refused{"hello did not come in time"});
   const Peer peer = connected();
   EXPECT_TRUE(listener_->notes.waitFor(1));
 }
