@@ -2,6 +2,7 @@
 #include "cli/DemoUpload.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <signal.h>
 
 #include <chrono>
@@ -18,6 +19,7 @@
 #include "cli/DemoGif.h"
 #include "cli/Report.h"
 #include "platform/JSONSerialization.h"
+#include "platform/linux/DetachedProgram.h"
 
 namespace cli {
 namespace {
@@ -112,6 +114,7 @@ class Chapter {
 
   void killHalfWay(const fs::path& file, std::size_t bytes) {
     printLine("  $ kestrova upload cat.gif --share-id demo-share --wait");
+    mayHaveService_ = true;
     auto application = kestrova({"upload", file.string(), "--share-id", "demo-share", "--wait"}, "upload-output");
     std::uintmax_t there = 0;
     waitFor("the half of the GIF", demo_.interruption, [&] {
@@ -167,16 +170,25 @@ class Chapter {
     printLine("    it was told: The upload is done: the server answered 200.");
   }
 
+  /// Who stops the demo early may do so while a command is starting the service. So one is started here: when that is done, there
+  /// is one and it can be asked who it is, whoever of the two has started it.
   void endService() {
-    if (start("kestrova-transferd", {"--status"}, "service-status")->wait() != 0) return;
+    if (!mayHaveService_) return;
+    require(start("kestrova-transferd", {"--background"}, "service-output")->wait() == 0, "it cannot be asked");
+    require(start("kestrova-transferd", {"--status"}, "service-status")->wait() == 0, "it does not answer");
     const std::string said = contentOf(demo_.folder / "service-status");
     const auto at = said.find("process ");
-    if (at == std::string::npos) return;
-    (void)kill(static_cast<pid_t>(std::stol(said.substr(at + 8))), SIGTERM);
-    waitFor("the service's end", nullptr, [&] { return start("kestrova-transferd", {"--status"}, "service-status")->wait() != 0; });
+    require(at != std::string::npos, "it said: " + said);
+    const pid_t service = static_cast<pid_t>(std::stol(said.substr(at + 8)));
+    const auto end = platform::descriptorOfProcess(service);
+    (void)kill(service, SIGTERM);
+    if (!end) return;
+    pollfd ended{end->get(), POLLIN, 0};
+    require(poll(&ended, 1, static_cast<int>(std::chrono::milliseconds(kLimit).count())) == 1, "it did not end within a minute");
   }
 
   const UploadDemo& demo_;
+  bool mayHaveService_ = false;
 };
 
 }  // namespace

@@ -66,6 +66,12 @@ TEST_F(StoppedDemo, EndsTheTransferServiceThatUploads) {
          SIGINT);
 }
 
+// The service that was just being started was there a moment after the demo had looked for it, and stayed.
+TEST_F(StoppedDemo, EndsTheTransferServiceThatIsBeingStarted) {
+  stopAt({"The server is away", "an hour ahead", "answers with directives", "A share is submitted", "$ kestrova upload cat.gif"},
+         SIGINT);
+}
+
 TEST_F(StoppedDemo, TakesTheEndOfItsCommandsForItsOwn) {
   // A session of its own stands for a terminal: the signal goes to all processes in it.
   Program program("/usr/bin/setsid", {"--wait", binary("kestrova"), "demo"}, {{"TMPDIR", folder_.path()}});

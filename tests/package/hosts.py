@@ -297,8 +297,10 @@ class Hosts(unittest.TestCase):
             HERE / "c_executor/library.c", *flags, "-lpthread", "-o", program, env=env)
         with started([program], env, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as host:
             lines_until(host.stdout, "submitted")
-            output = host.communicate("\n", timeout=LIMIT)[0]
-        self.assertEqual(0, host.returncode)
+            host.stdin.write("\n")
+            host.stdin.close()
+            output = host.stdout.read()  # with what was read beyond that line
+            self.assertEqual(0, host.wait(LIMIT))
         self.assertEqual([*map(str, range(1, 1001)), "released", "1001", "1002", "1003"], output.splitlines())
 
     def test_find_package_c(self):
