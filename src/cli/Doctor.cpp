@@ -6,8 +6,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <optional>
@@ -17,6 +19,8 @@
 #include "cli/Host.h"
 #include "cli/QueueInspection.h"
 #include "cli/Report.h"
+#include "companions/KSVHawkAuth.h"
+#include "companions/KSVHawkCredentials.h"
 #include "companions/KSVUtils.h"
 #include "companions/Kestrova.h"
 #include "platform/Data.h"
@@ -44,12 +48,6 @@ Finding application(const Options& options) {
   if (options.bundleId) return {State::kWell, "application", *options.bundleId, ""};
   return {State::kNotice, "application", "has no identifier; its events count as a test's",
           "give --bundle-id or KESTROVA_BUNDLE_ID, the name that the server knows it by"};
-}
-
-Finding secret(const Options& options) {
-  if (options.secret) return {State::kWell, "secret", "is there, and is shown nowhere", ""};
-  return {State::kIll, "secret", "is not given; the server refuses what is not signed",
-          "give --secret-file with a file that only you can read, or KESTROVA_SECRET"};
 }
 
 /// Writes a file where the application's temporary files are, on the volume of its state, and removes it.
@@ -110,10 +108,9 @@ struct Answer {
   std::optional<platform::Error> error;
 };
 
-Answer ask(const std::string& host, double timeout) {
+Answer ask(const platform::URLRequest& request, double timeout) {
   const auto promise = std::make_shared<std::promise<Answer>>();
   auto answered = promise->get_future();
-  const platform::URLRequest request(platform::URL::URLWithString("https://" + host + "/"));
   const auto task = platform::URLSession::sharedSession().dataTaskWithRequestCompletionHandler(
       request, [promise](const std::optional<platform::Data>&, platform::HTTPURLResponseRef response,
                          std::optional<platform::Error> error) { promise->set_value({std::move(response), std::move(error)}); });
@@ -122,7 +119,57 @@ Answer ask(const std::string& host, double timeout) {
   return answered.get();
 }
 
+KSVHawkAuth signerFor(const Options& options) {
+  KSVHawkAuth signer;
+  signer.setCredentials(
+      KSVHawkCredentials::initWithHawkIdWithKeyWithAlgorithm(options.bundleId, options.secret, KSVCryptoAlgorithmSHA256));
+  return signer;
+}
+
+/// An empty batch from 1970. A server that verifies the signature takes nothing so old: to a sender whose secret it knows it tells
+/// its time, signed with that secret. One that verifies nothing has nothing to take.
+platform::URLRequest questionOfTheSecret(const Options& options) {
+  const std::string type = "application/vnd.kestrova.v" + options.apiVersion + "+json";
+  const std::string body = R"({"data":[]})";
+  const auto url = platform::URL::URLWithString("https://" + *options.apiHost + "/events");
+  KSVHawkAuth signer = signerFor(options);
+  signer.setMethod("POST");
+  if (url) {
+    signer.setRequestUri(url->path());
+    signer.setHost(url->host().value_or(""));
+    signer.setPort(url->port().value_or(443));
+  }
+  signer.setTimestamp(platform::Date::dateWithTimeIntervalSince1970(1));
+  signer.setNonce(KSVUtils::randomStringWithLength(8));
+  signer.setPayload(platform::String(body));
+  signer.setContentType(type);
+  platform::URLRequest request(url);
+  request.setHTTPMethod("POST");
+  request.setValueForHTTPHeaderField(type, "Content-Type");
+  request.setValueForHTTPHeaderField(signer.requestHeader(), "Authorization");
+  request.setHTTPBody(platform::Data(body));
+  return request;
+}
+
+/// `serverAnswers` when it is worth asking it.
+Finding secret(const Options& options, bool serverAnswers) {
+  if (!options.secret)
+    return {State::kIll, "secret", "is not given; the server refuses what is not signed",
+            "give --secret-file with a file that only you can read, or KESTROVA_SECRET"};
+  if (!serverAnswers || !options.bundleId) return {State::kWell, "secret", "is there, and is shown nowhere", ""};
+  const Answer answer = ask(questionOfTheSecret(options), options.timeout);
+  const auto challenge = platform::headerField(answer.response, "www-authenticate");
+  if (challenge && signerFor(options).getTimestampSkew(*challenge))
+    return {State::kWell, "secret", "is the one that the server knows, and is shown nowhere", ""};
+  if (answer.response && answer.response->statusCode() == 401)
+    return {State::kIll, "secret", "is not the one that the server knows for " + *options.bundleId,
+            "compare it with the server's; events that are signed with it are refused and lost"};
+  return {State::kNotice, "secret", "is there; whether the server knows it cannot be told from its answer", ""};
+}
+
 std::string adviceOn(const platform::Error& error) {
+  const char* const anchors = std::getenv("SSL_CERT_FILE");
+  if (anchors && !std::ifstream(anchors)) return fmt::format("SSL_CERT_FILE names {}, which cannot be read", anchors);
   switch (error.code()) {
     case platform::kURLErrorCannotFindHost:
       return "check the name, and whether this machine's name server answers";
@@ -159,19 +206,16 @@ Finding clock(const std::optional<double>& difference) {
           "nothing need be done: the next send is refused once, corrects it and is sent again"};
 }
 
-void addServer(const Options& options, std::vector<Finding>& findings) {
-  if (!options.apiHost) {
-    findings.push_back({State::kIll, "server", "is not named", "give --api-host or KESTROVA_API_HOST"});
-    findings.push_back(clock(std::nullopt));
-    return;
-  }
-  const Answer answer = ask(*options.apiHost, options.timeout);
-  if (answer.error)
-    findings.push_back(
-        {State::kIll, "server", *options.apiHost + ": " + answer.error->localizedDescription(), adviceOn(*answer.error)});
-  else
-    findings.push_back({State::kWell, "server", *options.apiHost + " answers, and its certificate is trusted", ""});
-  findings.push_back(clock(clockDifference(answer.response)));
+std::optional<Answer> answerOfServer(const Options& options) {
+  if (!options.apiHost) return std::nullopt;
+  return ask(platform::URLRequest(platform::URL::URLWithString("https://" + *options.apiHost + "/")), options.timeout);
+}
+
+Finding server(const Options& options, const std::optional<Answer>& answer) {
+  if (!answer) return {State::kIll, "server", "is not named", "give --api-host or KESTROVA_API_HOST"};
+  if (answer->error)
+    return {State::kIll, "server", *options.apiHost + ": " + answer->error->localizedDescription(), adviceOn(*answer->error)};
+  return {State::kWell, "server", *options.apiHost + " answers, and its certificate is trusted", ""};
 }
 
 Finding uploads(const Options& options) {
@@ -203,9 +247,11 @@ Finding uploads(const Options& options) {
 }  // namespace
 
 std::vector<Finding> diagnose(const Options& options) {
-  std::vector<Finding> findings{application(options), secret(options), folder(), queue()};
+  const std::optional<Answer> answer = answerOfServer(options);
+  std::vector<Finding> findings{application(options), secret(options, answer && !answer->error), folder(), queue()};
   if (auto last = lastRun()) findings.push_back(*std::move(last));
-  addServer(options, findings);
+  findings.push_back(server(options, answer));
+  findings.push_back(clock(answer ? clockDifference(answer->response) : std::nullopt));
   findings.push_back(uploads(options));
   return findings;
 }

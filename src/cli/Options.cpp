@@ -168,9 +168,11 @@ ParseResult parseOptions(int argc, char** argv) {
   CLI::App app("kestrova: a host application with the SDK inside, for people and scripts", "kestrova");
   app.footer("`kestrova --help` has the options of all commands, the environment, exit statuses and examples.");
   app.get_formatter()->column_width(34);
+  app.set_version_flag("--version", "kestrova " KESTROVA_VERSION);
   app.add_option("--api-host", options.apiHost, "host of the API, with :PORT where it is not 443")->type_name("HOST");
   app.add_option("--api-version", options.apiVersion, "API version (default 1)")->type_name("VERSION");
-  app.add_option("--bundle-id", options.bundleId, "the application's reverse-DNS identifier")->type_name("ID");
+  app.add_option("--bundle-id", options.bundleId, "the application's reverse-DNS identifier; without it events count as a test's")
+      ->type_name("ID");
   app.add_option("--home", options.home, "folder for the application's state instead of the user's data folder")->type_name("DIR");
   app.add_option("--secret-file", secretFile, "file that holds the API secret")->type_name("FILE");
   app.add_option("--timeout", options.timeout, "seconds to wait for outcomes (default 30)")

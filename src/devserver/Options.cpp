@@ -115,6 +115,7 @@ struct RawOptions {
 void declare(CLI::App& app, RawOptions& raw) {
   app.footer(kFooter);
   app.get_formatter()->column_width(28);
+  app.set_version_flag("--version", "kestrova-devserver " KESTROVA_VERSION);
   app.add_option("--port", raw.port, "port on loopback; 0 picks a free one (8443)")
       ->type_name("N")
       ->check(platform::usage::numberFrom<std::int64_t>(0, std::numeric_limits<std::uint16_t>::max()));

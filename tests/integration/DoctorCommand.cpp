@@ -50,9 +50,36 @@ TEST_F(Doctor, FindsAllWellBesideAServerThatAnswers) {
     EXPECT_EQ(text(done, subject, "state"), "well") << subject << ": " << text(done, subject, "what");
   EXPECT_EQ(text(done, "last run", "state"), "nothing on last run");
   EXPECT_EQ(text(done, "clock", "what"), "the stored correction is 0 s, and agrees with the server's");
+  EXPECT_EQ(text(done, "secret", "what"), "is the one that the server knows, and is shown nowhere");
   EXPECT_EQ(text(done, "queue", "what"), "is empty: nothing waits");
   EXPECT_EQ(text(done, "server", "what"), server.host() + " answers, and its certificate is trusted");
   EXPECT_THAT(done.output + done.errors, Not(HasSubstr(DevServer::kSecret)));
+}
+
+TEST_F(Doctor, ASecretThatTheServerDoesNotKnowIsIllAndNothingIsTaken) {
+  const DevServer server;
+  const Run done = examine(&server, {{"KESTROVA_SECRET", "another secret"}});
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_EQ(text(done, "secret", "state"), "ill");
+  EXPECT_EQ(text(done, "secret", "what"), std::string("is not the one that the server knows for ") + DevServer::kAppId);
+  EXPECT_EQ(text(done, "secret", "advice"), "compare it with the server's; events that are signed with it are refused and lost");
+  EXPECT_THAT(done.output + done.errors, Not(HasSubstr("another secret")));
+  (void)examine(&server);
+  EXPECT_THAT(server.takenRecords(), testing::IsEmpty());
+}
+
+TEST_F(Doctor, AnApplicationThatTheServerDoesNotKnowIsIll) {
+  const DevServer server;
+  const Run done = examine(&server, {{"KESTROVA_BUNDLE_ID", "com.example.unknown"}});
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_EQ(text(done, "secret", "what"), "is not the one that the server knows for com.example.unknown");
+}
+
+TEST_F(Doctor, AuthoritiesThatCannotBeReadAreNamed) {
+  const DevServer server;
+  const Run done = examine(&server, {{"SSL_CERT_FILE", "/nowhere/ca.pem"}});
+  EXPECT_EQ(text(done, "server", "state"), "ill");
+  EXPECT_EQ(text(done, "server", "advice"), "SSL_CERT_FILE names /nowhere/ca.pem, which cannot be read");
 }
 
 TEST_F(Doctor, SaysInLinesWhatToDo) {
@@ -107,6 +134,8 @@ TEST_F(Doctor, AClockThatIsFarFromTheServersIsANotice) {
                                      {"SSL_CERT_FILE", certificateAuthorityFile()}});
   EXPECT_EQ(done.end, "exited with 0") << "any answer shows that the server is there";
   EXPECT_EQ(text(done, "server", "state"), "well");
+  EXPECT_EQ(text(done, "secret", "state"), "notice");
+  EXPECT_EQ(text(done, "secret", "what"), "is there; whether the server knows it cannot be told from its answer");
   EXPECT_EQ(text(done, "clock", "state"), "notice");
   EXPECT_THAT(text(done, "clock", "what"), HasSubstr(" s away from the server's"));
 }
