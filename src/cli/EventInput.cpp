@@ -11,7 +11,8 @@ namespace {
 std::expected<platform::Dictionary, std::string> parseObject(std::string_view text) {
   const auto value = platform::JSONSerialization::JSONObjectWithData(platform::Data(text));
   if (!value) {
-    const std::string& detail = value.error().debugDescription();
+    std::string detail = value.error().debugDescription();
+    if (detail.ends_with('.')) detail.pop_back();  // the sentence goes on
     return std::unexpected(detail.empty() ? "not valid JSON" : "not valid JSON: " + detail);
   }
   if (!value->isObject()) return std::unexpected("not a JSON object");

@@ -122,6 +122,7 @@ void printAccount(const Account& account, const BadLines& badLines, const platfo
   for (const auto& [name, value] : directives)
     printLine(fmt::format("  The server said {} = {}", name.view(), value.description()));
   if (account.kept > 0) printLine("What was kept goes out with the next events, or with `kestrova flush`.");
+  if (account.kept > 0 || account.lost > 0) printLine("`kestrova doctor` looks for the cause.");
 }
 
 void printQueue(const QueueContent& queue, bool json) {
