@@ -151,12 +151,6 @@ kestrova_status firstFault(std::initializer_list<kestrova_status> statuses) {
   return KESTROVA_OK;
 }
 
-bool isHost(std::string_view text) {
-  if (text.find_first_of("/?#@") != std::string_view::npos) return false;
-  const auto url = platform::URL::URLWithString("https://" + std::string(text));
-  return url && url->host() && !url->host()->empty() && url->path().empty() && !url->query();
-}
-
 kestrova_status checkedOptions(const kestrova_options& options) {
   const kestrova_status fault =
       firstFault({checkedOption(options.app_id, false), checkedOption(options.secret, false),
@@ -164,7 +158,8 @@ kestrova_status checkedOptions(const kestrova_options& options) {
                   checkedToldPath(options.home_directory), checkedPath(options.transfer_directory, true),
                   checkedPath(options.transfer_service_path, true), checkedCommand(options.launch_command)});
   if (fault != KESTROVA_OK) return fault;
-  const bool isFine = isHost(options.api_host) && std::isfinite(options.request_timeout) && options.request_timeout >= 0;
+  const bool isFine =
+      Kestrova::isAPIHost(options.api_host) && std::isfinite(options.request_timeout) && options.request_timeout >= 0;
   return isFine ? KESTROVA_OK : KESTROVA_ERROR_BAD_OPTIONS;
 }
 

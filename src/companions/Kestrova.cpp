@@ -6,6 +6,7 @@
 
 #include "client/KSVData.h"
 #include "platform/Exception.h"
+#include "platform/URL.h"
 
 namespace {
 
@@ -20,13 +21,22 @@ struct Started {
 
 bool isGiven(const std::optional<std::string>& text) { return text && !text->empty(); }
 
-// The host name counts wherever it was given; without one there is nothing to talk to.
-std::string requiredHost(const Kestrova::Configuration& configuration) {
-  if (isGiven(configuration.apiHost)) return *configuration.apiHost;
-  if (isGiven(configuration.constants.apiHost)) return *configuration.constants.apiHost;
+// The host name counts wherever it was given.
+std::optional<std::string> givenHost(const Kestrova::Configuration& configuration) {
+  if (isGiven(configuration.apiHost)) return configuration.apiHost;
+  if (isGiven(configuration.constants.apiHost)) return configuration.constants.apiHost;
   const Process* process = Process::currentOrNull();
-  if (process && isGiven(process->constants.apiHost)) return *process->constants.apiHost;
-  throw platform::Exception(platform::kInvalidArgumentException, "Kestrova is started without an API host");
+  return process && isGiven(process->constants.apiHost) ? process->constants.apiHost : std::nullopt;
+}
+
+// Without one there is nothing to talk to, and with an address in its place every request would fail, in silence and for good.
+std::string requiredHost(const Kestrova::Configuration& configuration) {
+  std::optional<std::string> host = givenHost(configuration);
+  if (!host) throw platform::Exception(platform::kInvalidArgumentException, "Kestrova is started without an API host");
+  if (!Kestrova::isAPIHost(*host))
+    throw platform::Exception(platform::kInvalidArgumentException, "Kestrova is started with the API host \"" + *host +
+                                                                       "\", which is no host name with an optional port");
+  return *std::move(host);
 }
 
 Process& installedProcess(const Kestrova::Configuration& configuration) {
@@ -75,6 +85,12 @@ std::shared_ptr<Kestrova> Kestrova::start(Configuration configuration) {
   started->facade.store(facade);
   if (process.backgroundSessions) process.backgroundSessions->goOnWithInterruptedTransfers();
   return facade;
+}
+
+bool Kestrova::isAPIHost(std::string_view text) {
+  if (text.find_first_of("/?#@") != std::string_view::npos || text.ends_with(':')) return false;
+  const auto url = platform::URL::URLWithString("https://" + std::string(text));
+  return url && url->host() && !url->host()->empty();
 }
 
 ExternalConstants Kestrova::defaultConstants() {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "companions/KSVDelegate.h"
 #include "platform/DispatchQueue.h"
@@ -40,9 +41,11 @@ class KESTROVA_EXPORT Kestrova final : public KSVDelegate, public std::enable_sh
 
   /// Installs the real services where no record is installed yet, fills the constants, and makes the one KSVData. Later calls
   /// return the same facade and change nothing. Raises NSInvalidArgumentException, before anything is installed, for a
-  /// configuration without API host, and NSInternalInconsistencyException for a mainExecutor that comes after the main queue's
-  /// first block. Reads one small file, waits for no network.
+  /// configuration without API host, or with one that is none, and NSInternalInconsistencyException for a mainExecutor that comes
+  /// after the main queue's first block. Reads one small file, waits for no network.
   static std::shared_ptr<Kestrova> start(Configuration configuration);
+  /// Whether the text can stand for the API's host: a host name or an address, with `:port` where it is not 443, and nothing else.
+  static bool isAPIHost(std::string_view text);
   /// The constants that are used where neither the host nor the build gives others; there is no API host among them.
   static platform::ExternalConstants defaultConstants();
   /// The started facade, or null.

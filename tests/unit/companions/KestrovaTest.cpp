@@ -136,6 +136,26 @@ TEST_F(KestrovaTest, WithoutAnApiHostTheStartRaisesAndNothingIsStarted) {
   EXPECT_TRUE(Kestrova::start(configuration()));
 }
 
+TEST_F(KestrovaTest, AnApiHostThatIsNoneRaisesAndNothingIsStarted) {
+  for (const std::string host : {"https://api.example.com", "api.example.com/v1", "api example", "user@api.example.com", ":443",
+                                 "api.example.com:", "api.example.com:port", "api.example.com:65536", "api.example.com?x"}) {
+    Kestrova::Configuration wrong = configuration();
+    wrong.apiHost = host;
+    try {
+      Kestrova::start(wrong);
+      FAIL() << "started with " << host;
+    } catch (const platform::Exception& exception) {
+      EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
+      EXPECT_EQ(exception.reason(),
+                "Kestrova is started with the API host \"" + host + "\", which is no host name with an optional port");
+    }
+    EXPECT_EQ(Kestrova::shared(), nullptr);
+    EXPECT_FALSE(process.constants.apiVersionString);
+  }
+  for (const char* host : {"api.example.com", "localhost:8443", "127.0.0.1", "[::1]:8443", "[::1]"})
+    EXPECT_TRUE(Kestrova::isAPIHost(host)) << host;
+}
+
 TEST_F(KestrovaTest, TheMainExecutorIsGivenTheMainQueuesBlocks) {
   std::vector<platform::DispatchQueue::Block> given;
   Kestrova::Configuration with = configuration();
