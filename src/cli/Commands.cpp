@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/Doctor.h"
 #include "cli/EventInput.h"
+#include "cli/HomeFolder.h"
 #include "cli/Host.h"
 #include "cli/LineReader.h"
 #include "cli/QueueInspection.h"
@@ -53,8 +55,27 @@ BadLines reportLines(Host& host, LineReader& input) {
   return badLines;
 }
 
-platform::Value textOrNull(const std::optional<platform::URL>& url) {
-  return url ? platform::Value(url->path()) : platform::Value();
+/// What an application's folder holds beside its events.
+struct State {
+  std::optional<std::string> device;
+  std::optional<std::string> folder;
+  std::int64_t clockCorrection = 0;  // seconds
+  std::int64_t disabledFeatures = 0;
+  std::optional<platform::Value> disabledReasons;
+};
+
+State storedState() {
+  State state;
+  if (const auto support = KSVUtils::applicationSupportDirectory()) {
+    state.folder = support->path();
+    // Without a folder it would be another one each time.
+    state.device = KSVIdentityStorage().identifier().UUIDString();
+  }
+  auto& defaults = platform::UserDefaults::standardUserDefaults();
+  state.clockCorrection = defaults.integerForKey(*Kestrova::defaultConstants().hawkLocalTimeSkew);
+  state.disabledFeatures = defaults.integerForKey(kFeaturesDefault);
+  state.disabledReasons = defaults.objectForKey(kReasonsDefault);
+  return state;
 }
 
 }  // namespace
@@ -118,6 +139,13 @@ int runFlush(const Options& options) {
 
 int runQueue(const Options& options) {
   const Host host(options);
+  if (const auto folder = folderNotYetMade(options)) {
+    QueueContent nothing;
+    nothing.path = *folder + "/application-support/event-queue.json";
+    printQueue(nothing, options.json);
+    if (!options.json) printLine("Its folder is not there: nothing was ever kept under this identifier.");
+    return kDelivered;
+  }
   const auto queue = inspectQueue();
   if (!queue) {
     printError(queue.error().localizedDescription());
@@ -129,30 +157,28 @@ int runQueue(const Options& options) {
 
 int runStatus(const Options& options) {
   const Host host(options);
-  auto& defaults = platform::UserDefaults::standardUserDefaults();
-  const auto support = KSVUtils::applicationSupportDirectory();
-  const std::int64_t skew = defaults.integerForKey(*Kestrova::defaultConstants().hawkLocalTimeSkew);
-  const std::int64_t features = defaults.integerForKey(kFeaturesDefault);
-  const auto reasons = defaults.objectForKey(kReasonsDefault);
-  const std::string identifier = KSVIdentityStorage().identifier().UUIDString();
+  const auto absentFolder = folderNotYetMade(options);
+  const State state = absentFolder ? State() : storedState();
   const std::string application = options.bundleId.value_or(std::string(kSDKReverseDNSPrefix) + ".test");
 
   if (options.json) {
     printJSON({{"application", application},
-               {"device", identifier},
-               {"apiHost", options.apiHost ? platform::Value(*options.apiHost) : platform::Value()},
-               {"clockCorrection", skew},
-               {"applicationSupport", textOrNull(support)},
-               {"disabledFeatures", features},
-               {"disabledReasons", reasons.value_or(platform::Value())}});
+               {"device", textOrNull(state.device)},
+               {"apiHost", textOrNull(options.apiHost)},
+               {"clockCorrection", state.clockCorrection},
+               {"applicationSupport", textOrNull(state.folder)},
+               {"disabledFeatures", state.disabledFeatures},
+               {"disabledReasons", state.disabledReasons.value_or(platform::Value())}});
     return kDelivered;
   }
+  const std::string folder = absentFolder ? *absentFolder + " (not there yet)" : "(none)";
   printLine(fmt::format("application       {}", application));
-  printLine(fmt::format("device            {}", identifier));
+  printLine(fmt::format("device            {}", state.device.value_or("(none yet)")));
   printLine(fmt::format("API host          {}", options.apiHost.value_or("(not given)")));
-  printLine(fmt::format("clock correction  {} s", skew));
-  printLine(fmt::format("state             {}", support ? support->path() : "(no folder)"));
-  printLine(fmt::format("features off      {}{}", features, reasons ? " because " + reasons->description() : ""));
+  printLine(fmt::format("clock correction  {} s", state.clockCorrection));
+  printLine(fmt::format("state             {}", state.folder.value_or(folder)));
+  printLine(fmt::format("features off      {}{}", state.disabledFeatures,
+                        state.disabledReasons ? " because " + state.disabledReasons->description() : ""));
   return kDelivered;
 }
 

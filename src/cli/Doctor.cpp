@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "cli/HomeFolder.h"
 #include "cli/Host.h"
 #include "cli/QueueInspection.h"
 #include "cli/Report.h"
@@ -62,10 +63,10 @@ std::optional<std::string> writingFails() {
   return std::nullopt;
 }
 
-Finding folder() {
+Finding folder(const Options& options) {
   const auto support = KSVUtils::applicationSupportDirectory();
   if (!support)
-    return {State::kIll, "folder", "can be neither found nor made",
+    return {State::kIll, "folder", folderFault(options),
             "set HOME or XDG_DATA_HOME to a folder of yours, or give another one with --home"};
   if (const auto reason = writingFails())
     return {State::kIll, "folder", support->path() + " cannot be written to: " + *reason,
@@ -248,7 +249,7 @@ Finding uploads(const Options& options) {
 
 std::vector<Finding> diagnose(const Options& options) {
   const std::optional<Answer> answer = answerOfServer(options);
-  std::vector<Finding> findings{application(options), secret(options, answer && !answer->error), folder(), queue()};
+  std::vector<Finding> findings{application(options), secret(options, answer && !answer->error), folder(options), queue()};
   if (auto last = lastRun()) findings.push_back(*std::move(last));
   findings.push_back(server(options, answer));
   findings.push_back(clock(answer ? clockDifference(answer->response) : std::nullopt));

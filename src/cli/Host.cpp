@@ -17,6 +17,7 @@
 #include <thread>
 #include <utility>
 
+#include "cli/HomeFolder.h"
 #include "client/KSVData.h"
 #include "companions/KSVDebugger.h"
 #include "companions/KSVFeatureControl.h"
@@ -116,7 +117,7 @@ Host::~Host() {
 std::expected<void, std::string> Host::holdHome() {
   // The queue file is made for one process: two that append and load at once lose and double each other's records.
   const auto folder = platform::FileManager::defaultManager().applicationSupportDirectory();
-  if (!folder) return std::unexpected("cannot use the home folder: " + folder.error().localizedDescription());
+  if (!folder) return std::unexpected(folderFault(options_));
   home_ = open(folder->path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (home_ < 0) return std::unexpected("cannot open " + folder->path() + ": " + std::strerror(errno));
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(options_.timeout);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "cli/Report.h"
+#include "companions/Kestrova.h"
 #include "platform/linux/UsageErrors.h"
 
 namespace cli {
@@ -51,16 +52,13 @@ void requireForSending(const Options& options) {
   if (!options.secret) throw CLI::RequiredError("--secret-file (or KESTROVA_SECRET)");
 }
 
-/// Host name with an optional port, nothing else: the client puts it between https:// and the path.
 void requireHost(const std::string& host) {
-  const auto colon = host.rfind(':');
-  const bool isLiteral = host.starts_with('[');
-  const std::string port = colon == std::string::npos || (isLiteral && host.ends_with(']')) ? "" : host.substr(colon + 1);
-  const bool badPort = port.find_first_not_of("0123456789") != std::string::npos || port.size() > 5 ||
-                       (!port.empty() && std::stol(port) > 65535) || (!isLiteral && host.ends_with(':'));
-  if (host.empty() || host.find_first_of("/?#@ \t\r\n\\\"") != std::string::npos || badPort) {
-    throw CLI::ValidationError("--api-host", "'" + host + "' is no host name with an optional port");
-  }
+  if (Kestrova::isAPIHost(host)) return;
+  throw CLI::ValidationError("--api-host", "\"" + host + "\" is no host name with an optional port, as in api.example.com:8443");
+}
+
+void requireName(const Options& options) {
+  if (options.command == Command::kEvent && options.eventName.empty()) throw CLI::ValidationError("the event's name is empty");
 }
 
 CLI::App* addCommand(CLI::App& parent, const char* name, const char* description, Options& options, Command command) {
@@ -186,6 +184,8 @@ ParseResult parseOptions(int argc, char** argv) {
   try {
     app.parse(argc, argv);
     if (secretFile) options.secret = readSecretFile(*secretFile);
+    requireName(options);
+    if (options.home) options.home = std::filesystem::absolute(*options.home).lexically_normal();
     if (needsServer(options.command)) requireForSending(options);
     if (options.apiHost) requireHost(*options.apiHost);
   } catch (const CLI::ParseError& error) {

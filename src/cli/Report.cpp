@@ -19,8 +19,6 @@ double secondsNow() { return std::chrono::duration<double>(std::chrono::steady_c
 constexpr double kTerminalInterval = 0.1;  // seconds
 constexpr double kPlainInterval = 5;       // seconds
 
-platform::Value textOrNull(const std::optional<std::string>& text) { return text ? platform::Value(*text) : platform::Value(); }
-
 /// Whether colours are wanted there: on a terminal that knows them, unless NO_COLOR is set (https://no-color.org).
 bool showsColours(int descriptor) {
   const char* refused = std::getenv("NO_COLOR");
@@ -94,6 +92,8 @@ void printJSON(const platform::Dictionary& object) {
   const auto text = platform::JSONSerialization::dataWithJSONObject(object);
   if (text) printLine(std::string(text->bytes()));
 }
+
+platform::Value textOrNull(const std::optional<std::string>& text) { return text ? platform::Value(*text) : platform::Value(); }
 
 std::string counted(std::uint64_t count, const std::string& noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");

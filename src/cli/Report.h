@@ -54,6 +54,8 @@ void printLine(const std::string& line);
 /// A line on standard error, after the command's name.
 void printError(const std::string& line);
 void printJSON(const platform::Dictionary& object);
+/// The text, or JSON null.
+platform::Value textOrNull(const std::optional<std::string>& text);
 /// `1 event`, `2 events`.
 std::string counted(std::uint64_t count, const std::string& noun);
 

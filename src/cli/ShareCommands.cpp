@@ -31,6 +31,8 @@ namespace {
 using platform::Dictionary;
 using platform::Value;
 
+constexpr const char* kNoBrowser = "No browser took the page: xdg-open (Debian package xdg-utils) must be there and know a browser";
+
 int fail(const std::string& reason, ExitStatus status) {
   printError(reason);
   return status;
@@ -245,6 +247,7 @@ int runCookieMatch(const Options& options) {
   Outcome outcome = host.outcome();
   const auto didComplete = answer->value();
   if (!didComplete && !outcome.interrupted) ++outcome.reasons["There was no answer in time"];
+  if (didComplete == false) ++outcome.reasons[kNoBrowser];
   const bool completed = didComplete.value_or(false);
   printOutcome(outcome, completed ? "The match page is open in the browser." : "The match did not complete.",
                {{"didComplete", completed}}, options.json);

@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -157,11 +158,14 @@ TEST_F(Command, StatusTellsIdentityCorrectionAndSwitchedOffFeatures) {
   const Run before = run({"status", "--json"}, &server);
   EXPECT_EQ(before.end, "exited with 0");
   EXPECT_EQ(before.number("clockCorrection"), 0U);
+  EXPECT_EQ(before.report.objectForKey("device"), Value()) << "it is made with the first event";
   EXPECT_EQ(run({"event", "opened"}, &server).end, "exited with 0");
   const Run after = run({"status", "--json"}, &server);
   EXPECT_NEAR(static_cast<double>(after.number("clockCorrection")), 3600, 30);
   EXPECT_EQ(after.number("disabledFeatures"), 5U);
-  EXPECT_EQ(after.report.objectForKey("device"), before.report.objectForKey("device")) << "the device keeps its identifier";
+  EXPECT_EQ(after.report.objectForKey("device")->string().length(), 36U);
+  EXPECT_EQ(after.report.objectForKey("device"), run({"status", "--json"}).report.objectForKey("device"))
+      << "the device keeps its identifier";
   EXPECT_EQ(after.report.objectForKey("application"), Value(DevServer::kAppId));
 }
 
@@ -224,6 +228,34 @@ TEST_F(Command, BadUsageIsToldWithStatus2) {
   withStatus2({"events", home.path() + "/none"}, "No such file");
 }
 
+TEST_F(Command, LookingAtAnApplicationThatIsNotThereMakesNothing) {
+  const std::string folder = home.path() + "/home/com.example.mistyped";
+  const Run queue = run({"--bundle-id", "com.example.mistyped", "queue"});
+  EXPECT_EQ(queue.end, "exited with 0");
+  EXPECT_EQ(queue.output, folder +
+                              "/application-support/event-queue.json: 0 records, 0 bytes\n"
+                              "Its folder is not there: nothing was ever kept under this identifier.\n");
+  EXPECT_EQ(run({"--bundle-id", "com.example.mistyped", "--json", "queue"}).number("records"), 0U);
+  const Run status = run({"--bundle-id", "com.example.mistyped", "status"});
+  EXPECT_EQ(status.end, "exited with 0");
+  EXPECT_THAT(status.output, HasSubstr("\ndevice            (none yet)\n"));
+  EXPECT_THAT(status.output, HasSubstr("\nstate             " + folder + " (not there yet)\n"));
+  EXPECT_FALSE(std::filesystem::exists(home.path() + "/home"));
+}
+
+TEST_F(Command, AHomeThatCannotBeMadeIsNamedAsItIs) {
+  (void)file("home", "in the way");
+  const Run done = run({"event", "opened"});
+  EXPECT_EQ(done.end, "exited with 2");
+  EXPECT_EQ(done.errors, "kestrova: cannot make " + home.path() + "/home/" + DevServer::kAppId + ": Not a directory\n");
+}
+
+TEST_F(Command, AHomeBelowTheWorkingFolderIsTaken) {
+  const std::string relative = std::filesystem::relative(home.path() + "/elsewhere");
+  EXPECT_EQ(run({"--home", relative, "event", "opened"}).end, "exited with 3");
+  EXPECT_TRUE(std::filesystem::exists(home.path() + "/elsewhere/" + DevServer::kAppId + "/application-support/event-queue.json"));
+}
+
 TEST_F(Command, AWrongCommandLineIsToldInOneSentenceWithTheWayToHelp) {
   struct Case {
     std::vector<std::string> arguments;
@@ -238,21 +270,23 @@ TEST_F(Command, AWrongCommandLineIsToldInOneSentenceWithTheWayToHelp) {
            {{"share"}, "share needs one of its commands: submit, refresh, list", " share"},
            {{"share", "lst"}, "there is no command \"lst\"; did you mean \"list\"?", " share"},
            {{"event"}, "event needs NAME", " event"},
+           {{"event", ""}, "the event's name is empty", " event"},
+           {{"event", "opened", "--data"}, "--data needs a value", " event"},
            {{"share", "submit"}, "share submit needs --data", " share submit"},
-           {{"flush"}, "flush needs --secret-file (or KESTROVA_SECRET)", " flush"},
+           {{"flush"}, "flush needs --secret-file (or KESTROVA_SECRET)", ""},
            {{"queue", "x", "y"}, "\"x\" is one word too many for queue", " queue"},
-           {{"queue", "--jsn"}, "there is no option --jsn; did you mean \"--json\"?", " queue"},
+           {{"queue", "--jsn"}, "there is no option --jsn; did you mean \"--json\"?", ""},
            {{"event", "--dta={}"}, "there is no option --dta; did you mean \"--data\"?", " event"},
            {{"--nonsense", "queue"}, "there is no option --nonsense", " queue"},
-           {{"queue", "--home"}, "--home needs a value", " queue"},
-           {{"--home", "a", "--home", "b", "queue"}, "--home stands more than once", " queue"},
-           {{"--json=maybe", "queue"}, "--json takes no value", " queue"},
-           {{"--timeout", "soon", "queue"}, "--timeout: \"soon\" is no number from 0 to 1000000", " queue"},
-           {{"--timeout", "-1", "queue"}, "--timeout: \"-1\" is no number from 0 to 1000000", " queue"},
-           {{"--secret-file", missing, "queue"}, "--secret-file: cannot read " + missing + ": No such file or directory", " queue"},
+           {{"queue", "--home"}, "--home needs a value", ""},
+           {{"--home", "a", "--home", "b", "queue"}, "--home stands more than once", ""},
+           {{"--json=maybe", "queue"}, "--json takes no value", ""},
+           {{"--timeout", "soon", "queue"}, "--timeout: \"soon\" is no number from 0 to 1000000", ""},
+           {{"--timeout", "-1", "queue"}, "--timeout: \"-1\" is no number from 0 to 1000000", ""},
+           {{"--secret-file", missing, "queue"}, "--secret-file: cannot read " + missing + ": No such file or directory", ""},
            {{"--api-host", "https://example.com/", "queue"},
-            "--api-host: 'https://example.com/' is no host name with an optional port",
-            " queue"}}) {
+            "--api-host: \"https://example.com/\" is no host name with an optional port, as in api.example.com:8443",
+            ""}}) {
     const Run done = run(wrong.arguments, nullptr, {{"KESTROVA_SECRET", ""}});
     EXPECT_EQ(done.end, "exited with 2");
     EXPECT_EQ(done.output, "");

@@ -192,6 +192,7 @@ TEST_F(Doctor, AFolderThatIsAFileIsIll) {
   const Run done = examine(&server);
   EXPECT_EQ(done.end, "exited with 1");
   EXPECT_EQ(text(done, "folder", "state"), "ill");
+  EXPECT_EQ(text(done, "folder", "what"), "cannot make " + home.path() + "/home/" + DevServer::kAppId + ": Not a directory");
   EXPECT_EQ(text(done, "queue", "state"), "ill");
 }
 

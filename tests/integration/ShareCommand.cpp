@@ -313,10 +313,12 @@ TEST_F(ShareCommand, MatchWithoutABrowserDoesNotComplete) {
   ASSERT_EQ(server.fault(), "");
   const Run failing = run({"cookie-match"}, &server, opener("exit 3"));
   EXPECT_EQ(failing.end, "exited with 1");
-  EXPECT_EQ(failing.output, "The match did not complete.\n");
+  const std::string reason = "No browser took the page: xdg-open (Debian package xdg-utils) must be there and know a browser";
+  EXPECT_EQ(failing.output, "The match did not complete.\n  " + reason + "\n");
   const Run missing = run({"--json", "cookie-match"}, &server, {{"PATH", home.path() + "/nowhere"}});
   EXPECT_EQ(missing.end, "exited with 1");
   EXPECT_EQ(missing.report.objectForKey("didComplete"), Value(false));
+  EXPECT_EQ(missing.report.objectForKey("reasons"), Value(Dictionary{{reason, 1}}));
 }
 
 TEST_F(ShareCommand, MatchIsWaitedForNoLongerThanAsked) {

@@ -135,9 +135,25 @@ inline std::string sentenceFor(const CLI::App& program, const CLI::ParseError& e
   }
 }
 
+/// The command whose help has the first option that the sentence names, as most options are the program's; else the one that was
+/// being read.
+inline const CLI::App& commandToReadOf(const CLI::App& program, const std::string& sentence) {
+  const CLI::App& reading = commandOf(program);
+  constexpr const char* kLetters = "abcdefghijklmnopqrstuvwxyz-";
+  for (std::size_t at = sentence.find("--"); at != std::string::npos; at = sentence.find("--", at)) {
+    const std::size_t end = std::min(sentence.find_first_not_of(kLetters, at), sentence.size());
+    const std::string option = sentence.substr(at, end - at);
+    for (const CLI::App* command = &reading; command; command = command->get_parent())
+      if (command->get_option_no_throw(option)) return *command;
+    at = end;
+  }
+  return reading;
+}
+
 /// The sentence, and the line that leads to help.
 inline std::string refusalFor(const CLI::App& program, const CLI::ParseError& error) {
-  return sentenceFor(program, error) + "\nRun `" + nameOf(commandOf(program)) + " --help` to see what it takes.";
+  const std::string sentence = sentenceFor(program, error);
+  return sentence + "\nRun `" + nameOf(commandToReadOf(program, sentence)) + " --help` to see what it takes.";
 }
 
 }  // namespace platform::usage

@@ -1,0 +1,32 @@
+// The application's folder, before the SDK touches it.
+#include "cli/HomeFolder.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "cli/Host.h"
+#include "platform/linux/ApplicationFolder.h"
+
+namespace cli {
+namespace {
+
+std::optional<std::string> folderOf(const Options& options) { return platform::ApplicationFolder(systemOptionsOf(options)).path(); }
+
+}  // namespace
+
+std::optional<std::string> folderNotYetMade(const Options& options) {
+  auto folder = folderOf(options);
+  std::error_code error;
+  if (!folder || std::filesystem::exists(*folder, error) || error) return std::nullopt;
+  return folder;
+}
+
+std::string folderFault(const Options& options) {
+  const auto folder = folderOf(options);
+  if (!folder) return "there is no home for the application's folder";
+  const int error = platform::makeDirectories(*folder);
+  return "cannot make " + *folder + ": " +
+         (error ? std::generic_category().message(error) : std::string("its folders cannot be made in it"));
+}
+
+}  // namespace cli

@@ -1,0 +1,18 @@
+// Where an application's state lies, looked at without making it.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "cli/Options.h"
+
+namespace cli {
+
+/// The application's folder while it is not there: nothing was ever kept under its identifier. Absent when it is there, and when
+/// that cannot be told.
+std::optional<std::string> folderNotYetMade(const Options& options);
+
+/// Why the application's folder can be neither found nor made, as a sentence without its end.
+std::string folderFault(const Options& options);
+
+}  // namespace cli
