@@ -17,11 +17,13 @@ import re
 import select
 import shutil
 import signal
+import ssl
 import subprocess
 import sys
 import tempfile
 import threading
 import unittest
+import urllib.request
 
 HERE = pathlib.Path(__file__).resolve().parent
 LIMIT = 100  # seconds for one step of a host's life
@@ -119,6 +121,11 @@ class Server:
         ready = json.loads(lines_until(process.stdout, "ready {").split("ready ", 1)[1])
         self.host = f"localhost:{ready['port']}"
         self.authority = ready["caFile"]
+
+    def misbehave(self, settings):
+        trusting = ssl.create_default_context(cafile=self.authority)
+        request = urllib.request.Request(f"https://{self.host}/dev/behaviour", json.dumps(settings).encode())
+        urllib.request.urlopen(request, timeout=LIMIT, context=trusting).close()
 
     def entries(self):
         return [json.loads(line) for line in self.journal.read_text(encoding="utf-8").splitlines()]
@@ -352,6 +359,30 @@ class Hosts(unittest.TestCase):
                          [record["event"] for entry in entries if entry["path"] == "/events" for record in entry["records"]])
         upload, = (entry for entry in entries if entry["path"] == "/gifs")
         self.assertEqual((6, "BcDeFgHiJ"), (upload["bytes"], upload["shareId"]))
+        self.assert_relaunched_for_the_outcome(program, gif)
+
+    def assert_relaunched_for_the_outcome(self, program, gif):
+        """The host ends while its upload finds no answer; once the server answers, the host is started again and hears of it."""
+        folder = self.folder / "relaunch"
+        folder.mkdir()
+        with server(self.installed, folder) as kestrova_server, transfers(self.installed, folder) as more:
+            env = environment(folder, SSL_CERT_FILE=kestrova_server.authority, **more)
+            kestrova_server.misbehave({"drop": 1_000_000})
+            with started([*program, kestrova_server.host, gif], env, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                         stderr=subprocess.PIPE) as host:
+                lines_until(kestrova_server.process.stdout, "POST /gifs")
+                _, trace = host.communicate("\n", timeout=LIMIT)
+                self.assertEqual(0, host.returncode, trace)
+            self.assertNotIn("Task 1 completed", trace)
+            tail = [self.installed / "bin/kestrova", "--bundle-id", APPLICATION, "tail"]
+            with started(tail, env, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as follower:
+                lines_until(follower.stderr, "following ")
+                kestrova_server.misbehave({"drop": None})
+                trace = lines_until(follower.stdout, "Task 1 completed", "Background session completed")
+            self.assertRegex(trace, rf"^[^ ]+ \[(?!{host.pid}\])[0-9]+\] Launching in background: ")
+            uploads = [entry for entry in kestrova_server.entries() if entry["path"] == "/gifs"]
+        self.assertGreaterEqual(len(uploads), 2)
+        self.assertEqual([False] * (len(uploads) - 1) + [True], [entry["taken"] for entry in uploads])
 
     def test_add_subdirectory(self):
         self.make_project("add_subdirectory")
