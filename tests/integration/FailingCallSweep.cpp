@@ -328,7 +328,7 @@ TEST_P(FailingCallSweep, LeavesTheNextLifeWithAllThatWasKept) {
     for (const int n : reported) EXPECT_TRUE(taken.contains(n) || mayLose) << "record " << n << " was lost unsaid";
     for (int n = 101; n <= 110; ++n) EXPECT_TRUE(taken.contains(n)) << "the next life loses record " << n;
   }
-  RecordProperty("Calls", static_cast<int>(k - 2));
+  RecordProperty("callsFailed", static_cast<int>(k - 2));
   EXPECT_GT(k, 2U) << "nothing was failed";
   EXPECT_THAT(ended, IsSubsetOf(kEndTheProcess)) << "calls whose failure by contract ends the process";
 }

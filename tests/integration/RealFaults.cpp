@@ -16,6 +16,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -181,7 +182,7 @@ TEST_P(FailedCalls, LeaveAQueueAndATrueReport) {
     ASSERT_NO_FATAL_FAILURE(expectRecovery());
   }
   EXPECT_EQ(injected, static_cast<int>(numbers.size()));
-  RecordProperty("Injected", injected);
+  RecordProperty(std::string_view(fault) == "signal=SIGKILL" ? "kills" : "callsFailed", injected);
 }
 
 std::string nameOfCalls(const testing::TestParamInfo<FailedCalls::ParamType>& info) {

@@ -437,6 +437,7 @@ TEST_P(UploadServiceDeaths, TheUploadEndsOnce) {
   ASSERT_TRUE(way) << "nothing here leads to the step " << GetParam().name;
   ASSERT_NO_FATAL_FAILURE(comeToTheStep(*way));
   ASSERT_NO_FATAL_FAILURE(goOn(*way));
+  RecordProperty("kills", GetParam().victim == Victim::kBoth ? 2 : 1);
   expectEachSecondSightExplained();
   // Where the application is killed with the service while it has an event that is not recorded, its outcome may be seen again. The
   // session of a failed upload is invalidated from within the delegate operation, so before that is recorded.
@@ -509,6 +510,7 @@ TEST_P(UploadApplicationDeaths, TheOutcomeIsSeenAgainOnlyBetweenTheOperationAndI
   ASSERT_TRUE(waitForOutcomes(sights));
   application->closeInput();
   ASSERT_TRUE(waitForRest());
+  RecordProperty("kills", (step == "sending" ? 0 : 1) + (victim == Victim::kBoth ? 1 : 0));
   EXPECT_EQ(outcomes(), sights);
   expectEachSecondSightExplained();
   expectTakenOnce();
