@@ -18,6 +18,13 @@ std::vector<std::string> environmentWith(const std::map<std::string, std::option
   return made;
 }
 
+std::vector<std::string> environmentForOthersWith(std::map<std::string, std::optional<std::string>> variables) {
+  for (const char* name :
+       {"KESTROVA_API_HOST", "KESTROVA_API_VERSION", "KESTROVA_BUNDLE_ID", "KESTROVA_DEBUG", "KESTROVA_HOME", "KESTROVA_SECRET"})
+    variables.try_emplace(name);
+  return environmentWith(variables);
+}
+
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
   pointers.reserve(texts.size() + 1);

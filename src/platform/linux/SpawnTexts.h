@@ -12,6 +12,10 @@ namespace platform {
 /// meanwhile.
 std::vector<std::string> environmentWith(const std::map<std::string, std::optional<std::string>>& variables);
 
+/// As environmentWith, for a program that outlives this one or is another application's: without the settings of the command
+/// `kestrova`, which name one application and its secret.
+std::vector<std::string> environmentForOthersWith(std::map<std::string, std::optional<std::string>> variables);
+
 /// To each text, and a null pointer for the end; of use as long as the texts stay as they are.
 std::vector<char*> pointersTo(std::vector<std::string>& texts);
 

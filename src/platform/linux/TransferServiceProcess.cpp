@@ -39,7 +39,7 @@ bool isProgram(const std::string& path) {
 }
 
 std::vector<std::string> environmentForService(const std::optional<std::string>& directory) {
-  return environmentWith({{kLaunchSessionVariable, std::nullopt}, {kTransferDirectoryVariable, directory}});
+  return environmentForOthersWith({{kLaunchSessionVariable, std::nullopt}, {kTransferDirectoryVariable, directory}});
 }
 
 }  // namespace

@@ -56,7 +56,7 @@ bool isForBrowsers(const URL& url) { return url.scheme() == "https" || url.schem
 bool opened(const URL& url, int closing) {
   if (!isForBrowsers(url)) return false;
   // It starts where the host is, as PATH and the user's choice of a browser may hold relative names.
-  const auto child = startDetachedProgram({kProgram, url.absoluteString()}, environmentWith({}), StartFolder::kCallers);
+  const auto child = startDetachedProgram({kProgram, url.absoluteString()}, environmentForOthersWith({}), StartFolder::kCallers);
   return child && waitForEnd(*child, closing) && endedWell(*child);
 }
 

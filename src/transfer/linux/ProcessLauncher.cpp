@@ -33,10 +33,10 @@ ProcessLauncher::~ProcessLauncher() {
 
 std::expected<void, Error> ProcessLauncher::launch(ApplicationId application, const std::vector<std::string>& command,
                                                    const std::string& session, const std::optional<std::string>& trustAnchors) {
-  std::vector<std::string> environment = platform::environmentWith({{"KESTROVA_BACKGROUND_SESSION", session},
-                                                                    {"KESTROVA_TRANSFER_DIR", transferFolder_},
-                                                                    {"KESTROVA_TRANSFERD_DIE_AT", std::nullopt},
-                                                                    {"SSL_CERT_FILE", trustAnchors}});
+  std::vector<std::string> environment = platform::environmentForOthersWith({{"KESTROVA_BACKGROUND_SESSION", session},
+                                                                             {"KESTROVA_TRANSFER_DIR", transferFolder_},
+                                                                             {"KESTROVA_TRANSFERD_DIE_AT", std::nullopt},
+                                                                             {"SSL_CERT_FILE", trustAnchors}});
   // A relative path would be looked up below /, and a text that ends early would say something else than what was registered.
   if (command.empty() || !command.front().starts_with('/') || holdsNul(command) || holdsNul(environment))
     return std::unexpected(launchError(EINVAL, command.empty() ? "" : command.front()));

@@ -36,6 +36,20 @@ TEST(SpawnTexts, VariablesAreSetAnewAndThoseWithoutValueAreLeftOut) {
             0);
 }
 
+TEST(SpawnTexts, OthersDoNotGetTheSettingsAndTheSecretOfOneApplication) {
+  EXPECT_EQ(runInChild([] {
+              clearenv();
+              setenv("KEPT", "a", 1);
+              setenv("KESTROVA_TRANSFERD", "/program", 1);
+              for (const char* name : {"KESTROVA_API_HOST", "KESTROVA_API_VERSION", "KESTROVA_BUNDLE_ID", "KESTROVA_DEBUG",
+                                       "KESTROVA_HOME", "KESTROVA_SECRET"})
+                setenv(name, "of one", 1);
+              EXPECT_THAT(platform::environmentForOthersWith({{"NEW", "b"}}),
+                          UnorderedElementsAre("KEPT=a", "KESTROVA_TRANSFERD=/program", "NEW=b"));
+            }),
+            0);
+}
+
 TEST(SpawnTexts, PointersEndWithNull) {
   std::vector<std::string> texts{"a", "", "c d"};
   const std::vector<char*> pointers = platform::pointersTo(texts);

@@ -142,6 +142,7 @@ TEST_F(TransferServiceProcessTest, ItBeginsWithNothingOfTheHosts) {
               const int inherited = ::fcntl(STDERR_FILENO, F_DUPFD, 100);
               setenv("KESTROVA_BACKGROUND_SESSION", "session-1", 1);
               setenv("KESTROVA_TRANSFER_DIR", "/from/the/environment", 1);
+              setenv("KESTROVA_SECRET", "a secret of one", 1);
               TransferServiceProcess service(optionsFor(program), "/the/folder");
               EXPECT_EQ(service.start(), 0);
               EXPECT_EQ(endOf(service), "in peace");
@@ -151,6 +152,7 @@ TEST_F(TransferServiceProcessTest, ItBeginsWithNothingOfTheHosts) {
               EXPECT_THAT(file("environment"), testing::HasSubstr("KESTROVA_TRANSFER_DIR=/the/folder\n"));
               EXPECT_THAT(file("environment"), testing::Not(testing::HasSubstr("/from/the/environment")));
               EXPECT_THAT(file("environment"), testing::Not(testing::HasSubstr("KESTROVA_BACKGROUND_SESSION")));
+              EXPECT_THAT(file("environment"), testing::Not(testing::HasSubstr("a secret of one")));
               const std::string descriptors = "\n" + file("descriptors");
               EXPECT_THAT(descriptors, testing::HasSubstr("\n0 /dev/null\n"));
               EXPECT_THAT(descriptors, testing::HasSubstr("\n2 /dev/null\n"));

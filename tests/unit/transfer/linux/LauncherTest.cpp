@@ -63,6 +63,15 @@ TEST_F(ProcessLauncherTest, TheEnvironmentNamesTheSession) {
   ::unsetenv("KESTROVA_TRANSFERD_DIE_AT");
 }
 
+// Whoever starts the service first is one application; what is launched may be another.
+TEST_F(ProcessLauncherTest, TheSettingsAndTheSecretOfAnotherApplicationAreNotHandedOn) {
+  ::setenv("KESTROVA_SECRET", "a secret of one", 1);
+  ::setenv("KESTROVA_BUNDLE_ID", "com.example.one", 1);
+  EXPECT_EQ(outputOf(R"(echo "${KESTROVA_SECRET-none} ${KESTROVA_BUNDLE_ID-none}")"), "none none\n");
+  ::unsetenv("KESTROVA_SECRET");
+  ::unsetenv("KESTROVA_BUNDLE_ID");
+}
+
 TEST_F(ProcessLauncherTest, ArgumentsGoThroughNoShell) {
   const std::string file = folder_.path() + "/$(touch x); a b";
   runToEnd({"/usr/bin/touch", file});
