@@ -250,6 +250,12 @@ class Demo {
     events_ = eventsOfInput(readFile(input_));
   }
 
+  ~Demo() {
+    if (uploads_) endUploads(*uploads_);
+  }
+  Demo(const Demo&) = delete;
+  Demo& operator=(const Demo&) = delete;
+
   void run() {
     server_.start();
     printLine(fmt::format("A development server is up at https://{}; the input is {} with {}.", server_.host(), kInput,
@@ -451,7 +457,7 @@ class Demo {
     printLine("\nA GIF goes up in the background: the application is killed half way, and hears of the end.");
     server_.stop();
     server_.start({"--gifs", (folder_ / "gifs").string(), "--read-rate", UploadDemo::kReadRate});
-    UploadDemo demo;
+    UploadDemo& demo = uploads_.emplace();
     demo.programs = bin_;
     demo.folder = folder_ / "";
     demo.gifs = folder_ / "gifs";
@@ -519,6 +525,7 @@ class Demo {
   fs::path input_;
   Events events_;
   std::vector<Row> rows_;
+  std::optional<UploadDemo> uploads_;  // from the moment on in which there may be a transfer service
 };
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -64,16 +65,6 @@ std::string textIn(const Dictionary& object, const char* key) {
 class Chapter {
  public:
   explicit Chapter(const UploadDemo& demo) : demo_(demo) {}
-  ~Chapter() {
-    try {
-      endService();
-    } catch (const std::exception& failure) {
-      printError(std::string("the demo's transfer service goes on until it is idle: ") + failure.what());
-    }
-  }
-  Chapter(const Chapter&) = delete;
-  Chapter& operator=(const Chapter&) = delete;
-
   void run() {
     const fs::path file = demo_.folder / "cat.gif";
     const std::string gif = makeAnimatedGif(kWidth, kHeight, kFrames);
@@ -88,6 +79,11 @@ class Chapter {
     waitFor("the outcome", demo_.interruption, [&] { return textIn(upload = onlyUpload(), "state") == "delivered"; });
     compare(gif);
     showLaunch(textIn(upload, "session"));
+  }
+
+  void endProcesses() {
+    endLaunchedProcesses();
+    endService();
   }
 
  private:
@@ -114,7 +110,6 @@ class Chapter {
 
   void killHalfWay(const fs::path& file, std::size_t bytes) {
     printLine("  $ kestrova upload cat.gif --share-id demo-share --wait");
-    mayHaveService_ = true;
     auto application = kestrova({"upload", file.string(), "--share-id", "demo-share", "--wait"}, "upload-output");
     std::uintmax_t there = 0;
     waitFor("the half of the GIF", demo_.interruption, [&] {
@@ -160,7 +155,7 @@ class Chapter {
 
   /// What the launched process wrote down.
   void showLaunch(const std::string& session) const {
-    const std::string log = contentOf(demo_.application / "application-support/command-launches.log");
+    const std::string log = contentOf(launchLog());
     require(log.find("launched for " + session) != std::string::npos, "the application was not launched for " + session);
     require(log.find("The upload is done: the server answered 200.") != std::string::npos,
             "the launched application saw no success");
@@ -170,25 +165,43 @@ class Chapter {
     printLine("    it was told: The upload is done: the server answered 200.");
   }
 
+  fs::path launchLog() const { return demo_.application / "application-support/command-launches.log"; }
+
+  /// One that still lived when its service is gone would have another one started.
+  void endLaunchedProcesses() const {
+    std::istringstream log(contentOf(launchLog()));
+    for (std::string line; std::getline(log, line);) {
+      std::istringstream words(line);
+      std::string time;
+      pid_t process = 0;
+      words >> time >> process;
+      if (words) endProcess(process, "kestrova");
+    }
+  }
+
+  /// Ends a process, unless it is gone and its number another program's.
+  void endProcess(pid_t process, const std::string& program) const {
+    const auto end = platform::descriptorOfProcess(process);
+    std::error_code gone;
+    if (!end || fs::read_symlink(fmt::format("/proc/{}/exe", process), gone) != demo_.programs / program) return;
+    (void)kill(process, SIGTERM);
+    pollfd ended{end->get(), POLLIN, 0};
+    require(poll(&ended, 1, static_cast<int>(std::chrono::milliseconds(kLimit).count())) == 1,
+            program + " did not end within a minute");
+  }
+
   /// Who stops the demo early may do so while a command is starting the service. So one is started here: when that is done, there
   /// is one and it can be asked who it is, whoever of the two has started it.
   void endService() {
-    if (!mayHaveService_) return;
     require(start("kestrova-transferd", {"--background"}, "service-output")->wait() == 0, "it cannot be asked");
     require(start("kestrova-transferd", {"--status"}, "service-status")->wait() == 0, "it does not answer");
     const std::string said = contentOf(demo_.folder / "service-status");
     const auto at = said.find("process ");
     require(at != std::string::npos, "it said: " + said);
-    const pid_t service = static_cast<pid_t>(std::stol(said.substr(at + 8)));
-    const auto end = platform::descriptorOfProcess(service);
-    (void)kill(service, SIGTERM);
-    if (!end) return;
-    pollfd ended{end->get(), POLLIN, 0};
-    require(poll(&ended, 1, static_cast<int>(std::chrono::milliseconds(kLimit).count())) == 1, "it did not end within a minute");
+    endProcess(static_cast<pid_t>(std::stol(said.substr(at + 8))), "kestrova-transferd");
   }
 
   const UploadDemo& demo_;
-  bool mayHaveService_ = false;
 };
 
 }  // namespace
@@ -200,6 +213,14 @@ std::optional<std::string> showUpload(const UploadDemo& demo) {
     return failure.what();
   }
   return std::nullopt;
+}
+
+void endUploads(const UploadDemo& demo) {
+  try {
+    Chapter(demo).endProcesses();
+  } catch (const std::exception& failure) {
+    printError(std::string("the demo's transfer service goes on until it is idle: ") + failure.what());
+  }
 }
 
 }  // namespace cli

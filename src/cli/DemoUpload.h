@@ -25,7 +25,11 @@ struct UploadDemo {
   const Interruption* interruption = nullptr;
 };
 
-/// Why it failed; nothing when all went as told. Throws Interrupted when it is to stop. Ends the service that it started.
+/// Why it failed; nothing when all went as told. Throws Interrupted when it is to stop.
 std::optional<std::string> showUpload(const UploadDemo& demo);
+
+/// Ends the applications that were launched, and the service: at the demo's end, as any command of the same application may start
+/// one once there was an upload. What fails is told.
+void endUploads(const UploadDemo& demo);
 
 }  // namespace cli

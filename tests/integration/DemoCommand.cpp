@@ -72,6 +72,20 @@ TEST_F(StoppedDemo, EndsTheTransferServiceThatIsBeingStarted) {
          SIGINT);
 }
 
+// The application that was launched for the outcome started another service when it saw its own end.
+TEST_F(StoppedDemo, LeavesNoServiceAfterTheUploadEither) {
+  stopAt({"The server is away", "an hour ahead", "answers with directives", "A share is submitted", "A GIF goes up",
+          "grows past its limit"},
+         SIGINT);
+}
+
+TEST_F(StoppedDemo, LeavesNothingAlsoWhenItIsNotStopped) {
+  Program program(binary("kestrova"), {"demo"}, {{"TMPDIR", folder_.path()}});
+  EXPECT_EQ(program.waitForEnd(), "exited with 0") << program.errors();
+  EXPECT_TRUE(fs::is_empty(folder_.path()));
+  EXPECT_THAT(processesWith(folder_.path()), testing::IsEmpty());
+}
+
 TEST_F(StoppedDemo, TakesTheEndOfItsCommandsForItsOwn) {
   // A session of its own stands for a terminal: the signal goes to all processes in it.
   Program program("/usr/bin/setsid", {"--wait", binary("kestrova"), "demo"}, {{"TMPDIR", folder_.path()}});
