@@ -297,7 +297,7 @@ void* CurlLoop::threadMain(void* argument) {
       }
       if (!going) break;
       ExitGate::pass();
-      for (Job& job : jobs) run.accept(std::move(job));
+      for (const Job& job : jobs) run.accept(job);
       run.step();
       // Whoever exits need not wait for a thread that only waits for the network.
       ExitGate::leave();
