@@ -39,11 +39,15 @@ BadLines reportLines(Host& host, LineReader& input) {
   Progress progress;
   std::uint64_t number = 0;
   while (host.keepPace()) {
-    const std::optional<std::string> line = input.next();
+    const auto line = input.next();
     if (!line) break;
     ++number;
-    if (line->find_first_not_of(" \t\r") == std::string::npos) continue;
-    if (auto event = parseEventLine(*line)) {
+    if (line->isTooLong) {
+      badLines.add(number, fmt::format("longer than {} MiB", LineReader::kMaxLine / 1024 / 1024));
+      continue;
+    }
+    if (line->text.find_first_not_of(" \t\r") == std::string::npos) continue;
+    if (auto event = parseEventLine(line->text)) {
       host.report(event->name, std::move(event->data));
     } else {
       badLines.add(number, event.error());

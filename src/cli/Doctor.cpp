@@ -63,20 +63,17 @@ std::optional<std::string> writingFails() {
   return std::nullopt;
 }
 
-Finding folder(const Options& options) {
-  const auto support = KSVUtils::applicationSupportDirectory();
-  if (!support)
-    return {State::kIll, "folder", folderFault(options),
-            "set HOME or XDG_DATA_HOME to a folder of yours, or give another one with --home"};
+/// Of a folder that can be used.
+Finding usableFolder(const std::string& path) {
   if (const auto reason = writingFails())
-    return {State::kIll, "folder", support->path() + " cannot be written to: " + *reason,
+    return {State::kIll, "folder", path + " cannot be written to: " + *reason,
             "what cannot be delivered now is lost; give yourself the right to write there, or another folder with --home"};
   std::error_code error;
-  const auto space = std::filesystem::space(support->path(), error);
+  const auto space = std::filesystem::space(path, error);
   if (!error && space.available < kLittleSpace)
-    return {State::kNotice, "folder", fmt::format("{} has {} KiB left on its disk", support->path(), space.available / 1024),
+    return {State::kNotice, "folder", fmt::format("{} has {} KiB left on its disk", path, space.available / 1024),
             "make room: a batch that does not fit is lost"};
-  return {State::kWell, "folder", support->path() + " can be written to", ""};
+  return {State::kWell, "folder", path + " can be written to", ""};
 }
 
 Finding queue() {
@@ -96,6 +93,18 @@ Finding queue() {
     return {State::kNotice, "queue", waits + "; it is over its limit, and the next batch that fails cuts off the oldest ones",
             "see what keeps the server from taking them, then run `kestrova flush`"};
   return {State::kNotice, "queue", waits, "they go out with the next events, or with `kestrova flush`"};
+}
+
+/// The folder and the queue in it. A folder that is not there is not made by looking: it may be another one that was meant.
+std::vector<Finding> folderAndQueue(const Options& options) {
+  if (const auto absent = folderNotYetMade(options))
+    return {{State::kNotice, "folder", *absent + " is not there: nothing was ever kept under this identifier",
+             "see whether --bundle-id and --home are right; the first event makes it"}};
+  const auto support = KSVUtils::applicationSupportDirectory();
+  if (!support)
+    return {{State::kIll, "folder", folderFault(options),
+             "set HOME or XDG_DATA_HOME to a folder of yours, or give another one with --home"}};
+  return {usableFolder(support->path()), queue()};
 }
 
 std::optional<Finding> lastRun() {
@@ -219,37 +228,52 @@ Finding server(const Options& options, const std::optional<Answer>& answer) {
   return {State::kWell, "server", *options.apiHost + " answers, and its certificate is trusted", ""};
 }
 
-Finding uploads(const Options& options) {
-  const platform::TransferServiceProcess service(systemOptionsOf(options), std::nullopt);
-  if (!service.canBeStarted())
+/// What the service says of its uploads.
+Finding uploadsOfService(const platform::TransferInspection::Sessions& sessions) {
+  std::uint64_t open = 0;
+  std::uint64_t ended = 0;
+  const transfer::TaskStatus* failing = nullptr;
+  for (const auto& session : sessions)
+    for (const auto& task : session.tasks) {
+      const bool hasEnded = task.state == transfer::TaskStatus::State::kCompleted;
+      ++(hasEnded ? ended : open);
+      if (!hasEnded && task.error) failing = &task;
+    }
+  const std::string running = fmt::format("the transfer service runs and has {} under way", counted(open, "upload"));
+  if (failing)
     return {State::kNotice, "uploads",
-            "there is no transfer service: " + service.program() + " cannot be started, so uploads would wait",
-            "put kestrova-transferd beside the program or on PATH, or name it in KESTROVA_TRANSFERD"};
+            fmt::format("{}; the last try of one failed: {}", running, failing->error->localizedDescription()),
+            "it is tried again for up to 7 days; `kestrova uploads` has each one's state"};
+  if (ended > 0)
+    return {State::kNotice, "uploads",
+            fmt::format("{}; of {} the application has not taken the outcome", running, counted(ended, "ended upload")),
+            "start the application. Where that goes on, its launch command fails in the service's environment"};
+  return {State::kWell, "uploads", running, ""};
+}
+
+Finding uploads(const Options& options) {
+  if (!options.bundleId)
+    return {State::kNotice, "uploads", "need an application's identifier", "give --bundle-id or KESTROVA_BUNDLE_ID"};
+  const platform::TransferServiceProcess service(systemOptionsOf(options), std::nullopt);
   const auto asked = platform::TransferInspection(systemOptionsOf(options)).sessions();
+  if (asked && *asked) return uploadsOfService(**asked);
+  if (!service.canBeStarted())
+    return {asked ? State::kNotice : State::kIll, "uploads",
+            fmt::format("there is no transfer service: {} cannot be started, so uploads {}", service.program(),
+                        asked ? "would wait" : "wait"),
+            "put kestrova-transferd beside the program or on PATH, or name it in KESTROVA_TRANSFERD"};
   if (!asked)
     return {State::kIll, "uploads", "the transfer service is not reached: " + asked.error().localizedDescription(),
             "kestrova-transferd must lie beside the program or in PATH, and its folder be yours alone"};
-  if (!*asked) return {State::kWell, "uploads", "none under way; the transfer service is started when one is", ""};
-  std::uint64_t open = 0;
-  const transfer::TaskStatus* failing = nullptr;
-  for (const auto& session : **asked)
-    for (const auto& task : session.tasks) {
-      if (task.state == transfer::TaskStatus::State::kCompleted) continue;
-      ++open;
-      if (task.error) failing = &task;
-    }
-  const std::string running = fmt::format("the transfer service runs and has {} under way", counted(open, "upload"));
-  if (!failing) return {State::kWell, "uploads", running, ""};
-  return {State::kNotice, "uploads",
-          fmt::format("{}; the last try of one failed: {}", running, failing->error->localizedDescription()),
-          "it is tried again for up to 7 days; `kestrova uploads` has each one's state"};
+  return {State::kWell, "uploads", "none under way; the transfer service is started when one is", ""};
 }
 
 }  // namespace
 
 std::vector<Finding> diagnose(const Options& options) {
   const std::optional<Answer> answer = answerOfServer(options);
-  std::vector<Finding> findings{application(options), secret(options, answer && !answer->error), folder(options), queue()};
+  std::vector<Finding> findings{application(options), secret(options, answer && !answer->error)};
+  for (Finding& finding : folderAndQueue(options)) findings.push_back(std::move(finding));
   if (auto last = lastRun()) findings.push_back(*std::move(last));
   findings.push_back(server(options, answer));
   findings.push_back(clock(answer ? clockDifference(answer->response) : std::nullopt));

@@ -19,8 +19,8 @@ struct Finding {
 };
 
 /// Looks at everything in turn, the parts that a failing one rests on first. Asks the server one unsigned question and waits for it
-/// no longer than the options' time. Makes missing folders, and starts the transfer service when uploads wait for one; changes
-/// nothing else. Needs the platform's services.
+/// no longer than the options' time. Starts the transfer service when uploads wait for one; changes nothing else. Needs the
+/// platform's services.
 std::vector<Finding> diagnose(const Options& options);
 
 }  // namespace cli

@@ -1,6 +1,8 @@
 // The application's folder, before the SDK touches it.
 #include "cli/HomeFolder.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <system_error>
 
@@ -18,7 +20,10 @@ std::optional<std::string> folderNotYetMade(const Options& options) {
   auto folder = folderOf(options);
   std::error_code error;
   if (!folder || std::filesystem::exists(*folder, error) || error) return std::nullopt;
-  return folder;
+  std::filesystem::path above = std::filesystem::path(*folder).parent_path();
+  while (!std::filesystem::exists(above, error) && above.has_relative_path()) above = above.parent_path();
+  const bool canBeMade = std::filesystem::is_directory(above, error) && ::access(above.c_str(), W_OK) == 0;
+  return canBeMade ? folder : std::nullopt;
 }
 
 std::string folderFault(const Options& options) {

@@ -9,7 +9,7 @@
 namespace cli {
 
 /// The application's folder while it is not there: nothing was ever kept under its identifier. Absent when it is there, and when
-/// that cannot be told.
+/// it could not be made, or that cannot be told.
 std::optional<std::string> folderNotYetMade(const Options& options);
 
 /// Why the application's folder can be neither found nor made, as a sentence without its end.

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "cli/HomeFolder.h"
+#include "cli/Report.h"
 #include "client/KSVData.h"
 #include "companions/KSVDebugger.h"
 #include "companions/KSVFeatureControl.h"
@@ -121,11 +122,11 @@ std::expected<void, std::string> Host::holdHome() {
   home_ = open(folder->path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (home_ < 0) return std::unexpected("cannot open " + folder->path() + ": " + std::strerror(errno));
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(options_.timeout);
-  while (flock(home_, LOCK_EX | LOCK_NB) != 0) {
+  for (bool isTold = false; flock(home_, LOCK_EX | LOCK_NB) != 0; isTold = true) {
     if (errno != EWOULDBLOCK) break;  // a file system without locks
-    if (activity_->interrupted() || std::chrono::steady_clock::now() > deadline) {
-      return std::unexpected("another kestrova uses " + folder->path());
-    }
+    if (!isTold) printError("another kestrova uses " + folder->path() + "; waiting for its end");
+    if (activity_->interrupted() || std::chrono::steady_clock::now() > deadline)
+      return std::unexpected("another kestrova still uses " + folder->path() + "; wait longer with --timeout");
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return {};

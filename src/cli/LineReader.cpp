@@ -44,39 +44,47 @@ void LineReader::stop() const {
   [[maybe_unused]] const auto written = write(wake_, &one, sizeof one);
 }
 
-bool LineReader::fill() {
+LineReader::Filled LineReader::fill() {
   std::array<pollfd, 2> polled{pollfd{descriptor_, POLLIN, 0}, pollfd{wake_, POLLIN, 0}};
   while (poll(polled.data(), polled.size(), -1) < 0) {
-    if (errno != EINTR) return false;
+    if (errno != EINTR) return Filled::kEnd;
   }
-  if (polled[1].revents != 0) return false;
+  if (polled[1].revents != 0) return Filled::kStopped;
 
   std::array<char, 65536> chunk;
   const auto length = read(descriptor_, chunk.data(), chunk.size());
   if (length < 0) error_ = std::strerror(errno);
-  if (length <= 0) return false;
+  if (length <= 0) return Filled::kEnd;
   buffer_.erase(0, position_);
   position_ = 0;
   buffer_.append(chunk.data(), static_cast<std::size_t>(length));
-  return true;
+  return Filled::kMore;
 }
 
-std::optional<std::string> LineReader::next() {
-  std::size_t searched = position_;
-  while (true) {
+std::optional<LineReader::Line> LineReader::next() {
+  Line line;
+  for (std::size_t searched = position_;;) {
     const auto end = buffer_.find('\n', searched);
     if (end != std::string::npos) {
-      std::string line = buffer_.substr(position_, end - position_);
+      if (!line.isTooLong) line.text = buffer_.substr(position_, end - position_);
       position_ = end + 1;
       return line;
     }
-    const std::size_t pending = buffer_.size() - position_;
-    if (atEnd_ || !fill()) {
-      atEnd_ = true;
-      if (pending == 0) return std::nullopt;
-      return std::exchange(buffer_, {}).substr(std::exchange(position_, 0));
+    if (buffer_.size() - position_ > kMaxLine) {
+      if (!line.isTooLong) line = {.text = buffer_.substr(position_, kMaxLine), .isTooLong = true};
+      position_ = buffer_.size();
     }
-    searched = position_ + pending;
+    const std::size_t pending = buffer_.size() - position_;
+    const Filled filled = atEnd_ ? Filled::kEnd : fill();
+    if (filled == Filled::kMore) {
+      searched = position_ + pending;
+      continue;
+    }
+    atEnd_ = true;
+    const std::string rest = std::exchange(buffer_, {}).substr(std::exchange(position_, 0));
+    if (filled == Filled::kStopped || (rest.empty() && !line.isTooLong)) return std::nullopt;
+    if (!line.isTooLong) line.text = rest;
+    return line;
   }
 }
 

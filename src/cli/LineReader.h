@@ -1,6 +1,7 @@
 // Lines of a file or of standard input, from a read that a request to stop can end.
 #pragma once
 
+#include <cstddef>
 #include <expected>
 #include <optional>
 #include <string>
@@ -16,9 +17,17 @@ class LineReader {
   LineReader& operator=(LineReader&&) = delete;
   ~LineReader();
 
-  /// The next line without its line feed, the last one also when it has none; absent at the end, on a read error, and from `stop`
-  /// on.
-  std::optional<std::string> next();
+  /// A longer line is no event: the server takes no body of that size. What follows its first bytes is read and dropped.
+  static constexpr std::size_t kMaxLine = std::size_t{16} * 1024 * 1024;
+
+  struct Line {
+    std::string text;        // without the line feed
+    bool isTooLong = false;  // the text is its beginning then
+  };
+
+  /// The next line, the last one also when it has no line feed; absent at the end, on a read error, and once `stop` has ended a
+  /// wait: what was read of a line until then is dropped.
+  std::optional<Line> next();
   /// Ends a `next` that is waiting, from another thread.
   void stop() const;
   /// What the system said when reading failed, empty otherwise.
@@ -26,7 +35,8 @@ class LineReader {
 
  private:
   LineReader(int descriptor, int wake) : descriptor_(descriptor), wake_(wake) {}
-  bool fill();
+  enum class Filled { kMore, kEnd, kStopped };
+  Filled fill();
 
   int descriptor_;
   int wake_;

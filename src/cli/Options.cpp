@@ -57,8 +57,12 @@ void requireHost(const std::string& host) {
   throw CLI::ValidationError("--api-host", "\"" + host + "\" is no host name with an optional port, as in api.example.com:8443");
 }
 
-void requireName(const Options& options) {
+void requireArguments(const Options& options) {
   if (options.command == Command::kEvent && options.eventName.empty()) throw CLI::ValidationError("the event's name is empty");
+  // The transfer service knows its applications by their identifiers.
+  const bool usesTransferService =
+      options.command == Command::kUpload || options.command == Command::kUploads || options.command == Command::kUploadsCancel;
+  if (usesTransferService && !options.bundleId) throw CLI::RequiredError("--bundle-id (or KESTROVA_BUNDLE_ID)");
 }
 
 CLI::App* addCommand(CLI::App& parent, const char* name, const char* description, Options& options, Command command) {
@@ -130,8 +134,9 @@ void addCommands(CLI::App& app, Options& options) {
 }
 
 constexpr const char* kFooter =
-    R"(Environment: KESTROVA_API_HOST, KESTROVA_API_VERSION, KESTROVA_BUNDLE_ID, KESTROVA_HOME, KESTROVA_SECRET and
-KESTROVA_DEBUG=1 stand for the options of those names. SSL_CERT_FILE names trust anchors to use instead of the system's.
+    R"(Environment: KESTROVA_API_HOST, KESTROVA_API_VERSION, KESTROVA_BUNDLE_ID, KESTROVA_HOME and KESTROVA_DEBUG=1 stand for the
+options of those names, KESTROVA_SECRET for what --secret-file holds. SSL_CERT_FILE names trust anchors to use instead of the
+system's. With NO_COLOR set nothing is coloured.
 
 Exit status: 0 everything delivered, 1 the command itself failed, 2 bad usage or bad input, 3 something kept for later, 4 something lost
 (4 before 3 before 2). A batch whose signature the server refuses is lost. Shares and patches are not kept: what does not arrive is lost.
@@ -184,7 +189,7 @@ ParseResult parseOptions(int argc, char** argv) {
   try {
     app.parse(argc, argv);
     if (secretFile) options.secret = readSecretFile(*secretFile);
-    requireName(options);
+    requireArguments(options);
     if (options.home) options.home = std::filesystem::absolute(*options.home).lexically_normal();
     if (needsServer(options.command)) requireForSending(options);
     if (options.apiHost) requireHost(*options.apiHost);

@@ -55,6 +55,10 @@ void printOutcome(const Outcome& outcome, const std::string& headline, Dictionar
   printReasons(outcome.reasons);
 }
 
+void tellThatItIsLost(const std::string& advice, bool json) {
+  if (!json) printLine("It is not kept: " + advice + ". `kestrova doctor` looks for the cause.");
+}
+
 std::string codeOf(const KSVShare& share) { return share.referralCode ? share.referralCode->description() : ""; }
 
 std::string lineFor(const KSVShare& share) {
@@ -92,7 +96,8 @@ std::expected<std::shared_ptr<KSVShare>, std::string> shareFrom(const Options& o
   share->updatedAt = share->createdAt;
   if (!options.shareURL) return share;
   share->URL = platform::URL::URLWithString(*options.shareURL);
-  if (!share->URL) return std::unexpected("--url: '" + *options.shareURL + "' is no URL");
+  if (!share->URL || !share->URL->scheme())
+    return std::unexpected("--url: '" + *options.shareURL + "' is no URL, as https://share.example.com/ab is one");
   return share;
 }
 
@@ -174,6 +179,7 @@ int runShareSubmit(const Options& options) {
                 {"referralCode", submitted ? Value(*outcome.referralCode) : Value()},
                 {"userId", userId.value_or(Value())}},
                options.json);
+  if (!submitted) tellThatItIsLost("submit it again", options.json);
   if (code) {
     (*share)->referralCode = std::make_shared<const KSVReferralCode>(*code);
     remember({**share});
@@ -228,6 +234,7 @@ int runPatch(const Options& options) {
   const Outcome outcome = host.outcome();
   printOutcome(outcome, outcome.delivered ? "The server took the patch." : "The patch was lost.",
                {{"delivered", outcome.delivered}}, options.json);
+  if (!outcome.delivered) tellThatItIsLost("give it again", options.json);
   return outcome.delivered ? kDelivered : kLost;
 }
 

@@ -23,12 +23,14 @@
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/HomeFolder.h"
 #include "cli/Host.h"
 #include "cli/LaunchLog.h"
 #include "cli/Report.h"
 #include "cli/StopSignals.h"
 #include "cli/UploadFile.h"
 #include "client/KSVData.h"
+#include "companions/KSVUtils.h"
 #include "platform/Date.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/TransferInspection.h"
@@ -293,6 +295,7 @@ std::string lineFor(const UploadRecord& record, const TaskStatus* task) {
   if (status) line += fmt::format(", answered {}", *status);
   if (record.shareId) line += ", share " + *record.shareId;
   if (const auto& error = task ? task->error : record.error) line += ": " + error->localizedDescription();
+  if (task && task->state == TaskStatus::State::kCompleted) line += "; the application has not taken the outcome yet";
   return line;
 }
 
@@ -313,6 +316,7 @@ int runUpload(const Options& options) {
   if (!gif) return fail(gif.error(), kBadInput);
   if (!isShareId(options.shareId))
     return fail("--share-id: '" + options.shareId + "' is no share identifier: letters, digits and -._~ only", kBadInput);
+  if (!KSVUtils::applicationSupportDirectory()) return fail(folderFault(options), kBadInput);
   auto file = UploadFile::open();
   if (!file) return fail(file.error(), kFailed);
   signals.onStop([activity = host.activity()] { activity->interrupt(); });

@@ -1,7 +1,10 @@
 // The kestrova command as people and scripts use it: real processes, a real server, exit statuses and reports.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -254,6 +257,27 @@ TEST_F(Command, AHomeBelowTheWorkingFolderIsTaken) {
   const std::string relative = std::filesystem::relative(home.path() + "/elsewhere");
   EXPECT_EQ(run({"--home", relative, "event", "opened"}).end, "exited with 3");
   EXPECT_TRUE(std::filesystem::exists(home.path() + "/elsewhere/" + DevServer::kAppId + "/application-support/event-queue.json"));
+}
+
+TEST_F(Command, UploadsNeedAnIdentifier) {
+  for (const std::vector<std::string>& command : {std::vector<std::string>{"uploads"}, {"upload", "cat.gif", "--share-id", "x"}}) {
+    const Run done = run(command, nullptr, {{"KESTROVA_BUNDLE_ID", ""}});
+    EXPECT_EQ(done.end, "exited with 2");
+    EXPECT_EQ(done.errors, "kestrova: " + command[0] + " needs --bundle-id (or KESTROVA_BUNDLE_ID)\n" +
+                               "Run `kestrova --help` to see what it takes.\n");
+  }
+}
+
+TEST_F(Command, WhoWaitsForAnotherCommandSaysSo) {
+  ASSERT_EQ(run({"event", "opened"}).end, "exited with 3");
+  const std::string folder = home.path() + "/home/" + DevServer::kAppId + "/application-support";
+  const int held = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(held, LOCK_EX), 0);
+  const Run done = run({"--timeout", "0.1", "event", "opened"});
+  EXPECT_EQ(done.end, "exited with 2");
+  EXPECT_EQ(done.errors, "kestrova: another kestrova uses " + folder + "; waiting for its end\n" +
+                             "kestrova: another kestrova still uses " + folder + "; wait longer with --timeout\n");
+  close(held);
 }
 
 TEST_F(Command, AWrongCommandLineIsToldInOneSentenceWithTheWayToHelp) {

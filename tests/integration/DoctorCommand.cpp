@@ -44,6 +44,7 @@ class Doctor : public CommandTest {
 
 TEST_F(Doctor, FindsAllWellBesideAServerThatAnswers) {
   const DevServer server;
+  ASSERT_EQ(run({"event", "opened"}, &server).end, "exited with 0");
   const Run done = examine(&server);
   EXPECT_EQ(done.end, "exited with 0") << done.output << done.errors;
   for (const char* subject : {"application", "secret", "folder", "queue", "server", "clock", "uploads"})
@@ -164,6 +165,56 @@ TEST_F(Doctor, WhatIsNotGivenIsNamed) {
   EXPECT_EQ(text(done, "application", "state"), "notice");
   EXPECT_EQ(text(done, "secret", "state"), "ill");
   EXPECT_EQ(text(done, "server", "what"), "is not named");
+  EXPECT_EQ(text(done, "uploads", "what"), "need an application's identifier");
+}
+
+TEST_F(Doctor, AFolderThatIsNotThereIsANoticeAndIsNotMade) {
+  const DevServer server;
+  const Run done = examine(&server);
+  EXPECT_EQ(done.end, "exited with 0");
+  EXPECT_EQ(text(done, "folder", "state"), "notice");
+  EXPECT_EQ(text(done, "folder", "what"),
+            home.path() + "/home/" + DevServer::kAppId + " is not there: nothing was ever kept under this identifier");
+  EXPECT_EQ(text(done, "queue", "what"), "nothing on queue");
+  EXPECT_FALSE(std::filesystem::exists(home.path() + "/home"));
+}
+
+TEST_F(Doctor, AnUploadThatWaitsForAMissingTransferServiceIsIll) {
+  const DevServer server;
+  const Program::Variables missing{{"KESTROVA_TRANSFERD", home.path() + "/nothing"}};
+  Program::Variables all = missing;
+  all.emplace_back("KESTROVA_TRANSFER_DIR", home.path() + "/transfer");
+  EXPECT_EQ(run({"upload", file("cat.gif", "GIF89a"), "--share-id", "x"}, &server, all).end, "exited with 3");
+  const Run done = examine(&server, missing);
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_EQ(text(done, "uploads", "state"), "ill");
+  EXPECT_EQ(text(done, "uploads", "what"),
+            "there is no transfer service: " + home.path() + "/nothing cannot be started, so uploads wait");
+}
+
+TEST_F(Doctor, AnOutcomeThatTheApplicationHasNotTakenIsANotice) {
+  const DevServer server;
+  // An application that is not where it was cannot be launched.
+  const std::string application = home.path() + "/application";
+  std::filesystem::copy(binary("kestrova"), application);
+  Program::Variables all = variables(&server);
+  all.emplace_back("KESTROVA_TRANSFER_DIR", home.path() + "/transfer");
+  all.emplace_back("KESTROVA_TRANSFERD", binary("kestrova-transferd"));
+  ASSERT_EQ(server.misbehave(R"({"drop": 1000000})"), "");
+  Program upload(application, {"upload", file("cat.gif", "GIF89a"), "--share-id", "x"}, all);
+  EXPECT_EQ(finish(upload).end, "exited with 0");
+  std::filesystem::remove(application);
+  ASSERT_EQ(server.misbehave(R"({"drop": null})"), "");
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  Run done;
+  do done = examine(&server);
+  while (text(done, "uploads", "what").find("0 uploads under way") == std::string::npos &&
+         std::chrono::steady_clock::now() < limit);
+  EXPECT_EQ(text(done, "uploads", "state"), "notice");
+  EXPECT_EQ(text(done, "uploads", "what"),
+            "the transfer service runs and has 0 uploads under way; of 1 ended upload the application has not taken the outcome");
+  EXPECT_THAT(run({"uploads"}, &server, {{"KESTROVA_TRANSFER_DIR", home.path() + "/transfer"}}).output,
+              HasSubstr("; the application has not taken the outcome yet\n"));
 }
 
 TEST_F(Doctor, AMissingTransferServiceIsANotice) {
@@ -193,7 +244,7 @@ TEST_F(Doctor, AFolderThatIsAFileIsIll) {
   EXPECT_EQ(done.end, "exited with 1");
   EXPECT_EQ(text(done, "folder", "state"), "ill");
   EXPECT_EQ(text(done, "folder", "what"), "cannot make " + home.path() + "/home/" + DevServer::kAppId + ": Not a directory");
-  EXPECT_EQ(text(done, "queue", "state"), "ill");
+  EXPECT_EQ(text(done, "queue", "what"), "nothing on queue") << "there can be none";
 }
 
 }  // namespace

@@ -179,7 +179,8 @@ TEST_F(ShareCommand, RefusedSignatureIsALossWithItsReason) {
   EXPECT_EQ(
       done.output,
       "The share was not submitted.\n  The server refused the signature (401) and sent no time that could be trusted: check the "
-      "secret and the application's identifier\n");
+      "secret and the application's identifier\n"
+      "It is not kept: submit it again. `kestrova doctor` looks for the cause.\n");
 }
 
 TEST_F(ShareCommand, AnswerWithoutACodeIsTold) {
@@ -187,7 +188,9 @@ TEST_F(ShareCommand, AnswerWithoutACodeIsTold) {
   ASSERT_EQ(server.fault(), "");
   const Run done = run({"share", "submit", "--data", "{}"}, &server);
   EXPECT_EQ(done.end, "exited with 4");
-  EXPECT_EQ(done.output, "The share was not submitted.\n  The server's answer had no referral code\n");
+  EXPECT_EQ(done.output,
+            "The share was not submitted.\n  The server's answer had no referral code\n"
+            "It is not kept: submit it again. `kestrova doctor` looks for the cause.\n");
 }
 
 TEST_F(ShareCommand, SilentServerIsWaitedForNoLongerThanAsked) {

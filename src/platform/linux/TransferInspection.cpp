@@ -45,7 +45,7 @@ TransferInspection::TransferInspection(SystemOptions options)
 
 std::expected<std::optional<TransferInspection::Sessions>, Error> TransferInspection::sessions() {
   if (auto connected = connect(false); !connected) {
-    if (isAbsence(static_cast<int>(connected.error().code()))) return std::nullopt;
+    if (isAbsence(static_cast<int>(connected.error().code())) && !isNeeded()) return std::nullopt;
     return std::unexpected(connected.error());
   }
   return list();
@@ -78,11 +78,12 @@ std::expected<void, Error> TransferInspection::connect(bool startsService) {
     return greet();
   }
   if (!isAbsence(made.error())) return std::unexpected(unreachable(made.error()));
+  return startsService || isNeeded() ? startAndConnect() : std::unexpected(unreachable(made.error()));
+}
+
+bool TransferInspection::isNeeded() const {
   auto& random = Process::current().secureRandom;
-  const bool isNeeded =
-      startsService ||
-      FileTransferSpool(directory_, std::make_shared<TransferIdentity>(options_, random), {}, random).hasInterruptedTransfers();
-  return isNeeded ? startAndConnect() : std::unexpected(unreachable(made.error()));
+  return FileTransferSpool(directory_, std::make_shared<TransferIdentity>(options_, random), {}, random).hasInterruptedTransfers();
 }
 
 // The program that is started ends when the service answers, or cannot.

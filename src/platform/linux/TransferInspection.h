@@ -44,6 +44,8 @@ class TransferInspection {
   using Deadline = std::chrono::steady_clock::time_point;
 
   std::expected<void, Error> connect(bool startsService);
+  /// Whether an upload of the application waits for the service.
+  bool isNeeded() const;
   std::expected<FileDescriptor, int> connectedSocket() const;
   std::expected<void, Error> startAndConnect();
   std::expected<void, Error> greet();
