@@ -88,9 +88,11 @@ std::shared_ptr<Kestrova> Kestrova::start(Configuration configuration) {
 }
 
 bool Kestrova::isAPIHost(std::string_view text) {
-  if (text.find_first_of("/?#@") != std::string_view::npos || text.ends_with(':')) return false;
+  // Those in brackets are an IPv6 literal's.
+  constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._:[]";
+  if (text.ends_with(':') || text.find_first_not_of(kLetters) != std::string_view::npos) return false;
   const auto url = platform::URL::URLWithString("https://" + std::string(text));
-  return url && url->host() && !url->host()->empty();
+  return url && url->host() && !url->host()->empty() && url->port() != 0;
 }
 
 ExternalConstants Kestrova::defaultConstants() {

@@ -138,7 +138,8 @@ TEST_F(KestrovaTest, WithoutAnApiHostTheStartRaisesAndNothingIsStarted) {
 
 TEST_F(KestrovaTest, AnApiHostThatIsNoneRaisesAndNothingIsStarted) {
   for (const std::string host : {"https://api.example.com", "api.example.com/v1", "api example", "user@api.example.com", ":443",
-                                 "api.example.com:", "api.example.com:port", "api.example.com:65536", "api.example.com?x"}) {
+                                 "api.example.com:", "api.example.com:port", "api.example.com:65536", "api.example.com?x", "a%2Fb",
+                                 "*", "a,b", "a&b=c", "localhost:0", "[::1]/x", "[::1]?x", "[::1]@b", "[::1]#x", "[::1]x"}) {
     Kestrova::Configuration wrong = configuration();
     wrong.apiHost = host;
     try {
