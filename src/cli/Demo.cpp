@@ -245,7 +245,9 @@ class Demo {
     writeFile(folder_ / "secret", "a-secret-of-the-demo-only");
     writeFile(folder_ / "apps.json", fmt::format("{{\"{}\": \"a-secret-of-the-demo-only\"}}\n", kApplication));
     // The commands of the demo have nothing to do with the user's own uploads.
-    require(setenv("KESTROVA_TRANSFER_DIR", (folder_ / "transfers").c_str(), 1) == 0, "the environment is full");
+    require(setenv("KESTROVA_TRANSFER_DIR", (folder_ / "transfers").c_str(), 1) == 0 &&
+                setenv("KESTROVA_TRANSFERD", (bin_ / "kestrova-transferd").c_str(), 1) == 0,
+            "the environment is full");
     input_ = findInput();
     events_ = eventsOfInput(readFile(input_));
   }

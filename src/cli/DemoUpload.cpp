@@ -21,6 +21,7 @@
 #include "cli/Report.h"
 #include "platform/JSONSerialization.h"
 #include "platform/linux/DetachedProgram.h"
+#include "platform/linux/FileDescriptor.h"
 
 namespace cli {
 namespace {
@@ -82,8 +83,11 @@ class Chapter {
   }
 
   void endProcesses() {
-    endLaunchedProcesses();
-    endService();
+    bool wasAny = false;
+    do {
+      wasAny = endLaunchedProcesses();
+      endService();
+    } while (wasAny);
   }
 
  private:
@@ -167,27 +171,31 @@ class Chapter {
 
   fs::path launchLog() const { return demo_.application / "application-support/command-launches.log"; }
 
-  /// One that still lived when its service is gone would have another one started.
-  void endLaunchedProcesses() const {
+  /// One that still lived when its service is gone would have another one started. False when there was none.
+  bool endLaunchedProcesses() const {
+    bool wasAny = false;
     std::istringstream log(contentOf(launchLog()));
     for (std::string line; std::getline(log, line);) {
       std::istringstream words(line);
       std::string time;
       pid_t process = 0;
       words >> time >> process;
-      if (words) endProcess(process, "kestrova");
+      if (!words) continue;
+      const auto end = platform::descriptorOfProcess(process);
+      std::error_code gone;
+      // It may have ended long ago, and its number be another program's.
+      if (!end || fs::read_symlink(fmt::format("/proc/{}/exe", process), gone) != demo_.programs / "kestrova") continue;
+      wasAny = true;
+      endProcess(process, *end);
     }
+    return wasAny;
   }
 
-  /// Ends a process, unless it is gone and its number another program's.
-  void endProcess(pid_t process, const std::string& program) const {
-    const auto end = platform::descriptorOfProcess(process);
-    std::error_code gone;
-    if (!end || fs::read_symlink(fmt::format("/proc/{}/exe", process), gone) != demo_.programs / program) return;
+  static void endProcess(pid_t process, const platform::FileDescriptor& end) {
     (void)kill(process, SIGTERM);
-    pollfd ended{end->get(), POLLIN, 0};
+    pollfd ended{end.get(), POLLIN, 0};
     require(poll(&ended, 1, static_cast<int>(std::chrono::milliseconds(kLimit).count())) == 1,
-            program + " did not end within a minute");
+            fmt::format("process {} did not end within a minute", process));
   }
 
   /// Who stops the demo early may do so while a command is starting the service. So one is started here: when that is done, there
@@ -198,7 +206,8 @@ class Chapter {
     const std::string said = contentOf(demo_.folder / "service-status");
     const auto at = said.find("process ");
     require(at != std::string::npos, "it said: " + said);
-    endProcess(static_cast<pid_t>(std::stol(said.substr(at + 8))), "kestrova-transferd");
+    const pid_t service = static_cast<pid_t>(std::stol(said.substr(at + 8)));
+    if (const auto end = platform::descriptorOfProcess(service)) endProcess(service, *end);
   }
 
   const UploadDemo& demo_;
