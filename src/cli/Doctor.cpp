@@ -3,11 +3,13 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <expected>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -98,7 +100,7 @@ Finding queue() {
 /// The folder and the queue in it. A folder that is not there is not made by looking: it may be another one that was meant.
 std::vector<Finding> folderAndQueue(const Options& options) {
   if (const auto absent = folderNotYetMade(options))
-    return {{State::kNotice, "folder", *absent + " is not there: nothing was ever kept under this identifier",
+    return {{State::kNotice, "folder", nothingKeptIn(*absent),
              "see whether --bundle-id and --home are right; the first event makes it"}};
   const auto support = KSVUtils::applicationSupportDirectory();
   if (!support)
@@ -255,9 +257,12 @@ Finding uploads(const Options& options) {
   if (!options.bundleId)
     return {State::kNotice, "uploads", "need an application's identifier", "give --bundle-id or KESTROVA_BUNDLE_ID"};
   const platform::TransferServiceProcess service(systemOptionsOf(options), std::nullopt);
-  const auto asked = platform::TransferInspection(systemOptionsOf(options)).sessions();
+  std::expected<std::optional<platform::TransferInspection::Sessions>, platform::Error> asked;
+  // The question makes the application's folder, with the token in it that the service knows the application by.
+  if (!folderNotYetMade(options)) asked = platform::TransferInspection(systemOptionsOf(options)).sessions();
   if (asked && *asked) return uploadsOfService(**asked);
-  if (!service.canBeStarted())
+  const bool isMissing = asked || asked.error().code() == ENOENT;
+  if (isMissing && !service.canBeStarted())
     return {asked ? State::kNotice : State::kIll, "uploads",
             fmt::format("there is no transfer service: {} cannot be started, so uploads {}", service.program(),
                         asked ? "would wait" : "wait"),

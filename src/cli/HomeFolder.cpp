@@ -22,8 +22,12 @@ std::optional<std::string> folderNotYetMade(const Options& options) {
   if (!folder || std::filesystem::exists(*folder, error) || error) return std::nullopt;
   std::filesystem::path above = std::filesystem::path(*folder).parent_path();
   while (!std::filesystem::exists(above, error) && above.has_relative_path()) above = above.parent_path();
-  const bool canBeMade = std::filesystem::is_directory(above, error) && ::access(above.c_str(), W_OK) == 0;
+  const bool canBeMade = std::filesystem::is_directory(above, error) && ::access(above.c_str(), W_OK | X_OK) == 0;
   return canBeMade ? folder : std::nullopt;
+}
+
+std::string nothingKeptIn(const std::string& folder) {
+  return folder + " is not there: nothing was ever kept under this identifier";
 }
 
 std::string folderFault(const Options& options) {

@@ -12,6 +12,9 @@ namespace cli {
 /// it could not be made, or that cannot be told.
 std::optional<std::string> folderNotYetMade(const Options& options);
 
+/// What a look into a folder that is not there says of it.
+std::string nothingKeptIn(const std::string& folder);
+
 /// Why the application's folder can be neither found nor made, as a sentence without its end.
 std::string folderFault(const Options& options);
 

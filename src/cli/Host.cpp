@@ -125,7 +125,8 @@ std::expected<void, std::string> Host::holdHome() {
   for (bool isTold = false; flock(home_, LOCK_EX | LOCK_NB) != 0; isTold = true) {
     if (errno != EWOULDBLOCK) break;  // a file system without locks
     if (!isTold) printError("another kestrova uses " + folder->path() + "; waiting for its end");
-    if (activity_->interrupted() || std::chrono::steady_clock::now() > deadline)
+    if (activity_->interrupted()) return std::unexpected("stopped before anything was done");
+    if (std::chrono::steady_clock::now() > deadline)
       return std::unexpected("another kestrova still uses " + folder->path() + "; wait longer with --timeout");
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }

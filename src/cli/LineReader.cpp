@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -47,7 +48,9 @@ void LineReader::stop() const {
 LineReader::Filled LineReader::fill() {
   std::array<pollfd, 2> polled{pollfd{descriptor_, POLLIN, 0}, pollfd{wake_, POLLIN, 0}};
   while (poll(polled.data(), polled.size(), -1) < 0) {
-    if (errno != EINTR) return Filled::kEnd;
+    if (errno == EINTR) continue;
+    error_ = std::strerror(errno);
+    return Filled::kEnd;
   }
   if (polled[1].revents != 0) return Filled::kStopped;
 
@@ -66,7 +69,8 @@ std::optional<LineReader::Line> LineReader::next() {
   for (std::size_t searched = position_;;) {
     const auto end = buffer_.find('\n', searched);
     if (end != std::string::npos) {
-      if (!line.isTooLong) line.text = buffer_.substr(position_, end - position_);
+      if (!line.isTooLong)
+        line = {.text = buffer_.substr(position_, std::min(end - position_, kMaxLine)), .isTooLong = end - position_ > kMaxLine};
       position_ = end + 1;
       return line;
     }

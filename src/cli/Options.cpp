@@ -38,6 +38,15 @@ std::string readSecretFile(const std::string& path) {
   return secret;
 }
 
+/// The folder as it is meant where the command was given.
+std::string absoluteFolder(const std::string& name) {
+  std::error_code error;
+  const auto path = std::filesystem::absolute(name, error);
+  if (name.empty() || error)
+    throw CLI::ValidationError("--home", "\"" + name + "\" is no folder" + (error && !name.empty() ? ": " + error.message() : ""));
+  return path.string();
+}
+
 bool isOn(const std::optional<std::string>& value) { return value && !value->empty() && *value != "0"; }
 
 bool needsServer(Command command) {
@@ -190,7 +199,7 @@ ParseResult parseOptions(int argc, char** argv) {
     app.parse(argc, argv);
     if (secretFile) options.secret = readSecretFile(*secretFile);
     requireArguments(options);
-    if (options.home) options.home = std::filesystem::absolute(*options.home).lexically_normal();
+    if (options.home) options.home = absoluteFolder(*options.home);
     if (needsServer(options.command)) requireForSending(options);
     if (options.apiHost) requireHost(*options.apiHost);
   } catch (const CLI::ParseError& error) {

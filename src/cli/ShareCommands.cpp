@@ -17,6 +17,7 @@
 
 #include "cli/Commands.h"
 #include "cli/EventInput.h"
+#include "cli/HomeFolder.h"
 #include "cli/Host.h"
 #include "cli/Report.h"
 #include "cli/ShareCodes.h"
@@ -210,6 +211,13 @@ int runShareRefresh(const Options& options) {
 
 int runShareList(const Options& options) {
   const Host host(options);
+  if (const auto absent = folderNotYetMade(options)) {
+    if (options.json)
+      printJSON({{"path", Value()}, {"shares", platform::Array()}});
+    else
+      printLine(nothingKeptIn(*absent) + ".");
+    return kDelivered;
+  }
   const auto file = ShareFile::read();
   if (!file) return fail(file.error(), kFailed);
   if (options.json) {

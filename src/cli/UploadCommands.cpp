@@ -325,6 +325,13 @@ int runUpload(const Options& options) {
 
 int runUploads(const Options& options) {
   const Host host(options);
+  if (const auto absent = folderNotYetMade(options)) {
+    if (options.json)
+      printJSON({{"path", Value()}, {"service", "not needed"}, {"uploads", platform::Array()}});
+    else
+      printLine(nothingKeptIn(*absent) + ".");
+    return kDelivered;
+  }
   const auto file = UploadFile::open();
   if (!file) return fail(file.error(), kFailed);
   const auto records = file->read();

@@ -294,6 +294,7 @@ TEST_F(Command, AWrongCommandLineIsToldInOneSentenceWithTheWayToHelp) {
            {{"share"}, "share needs one of its commands: submit, refresh, list", " share"},
            {{"share", "lst"}, "there is no command \"lst\"; did you mean \"list\"?", " share"},
            {{"event"}, "event needs NAME", " event"},
+           {{"--home", "", "queue"}, "--home: \"\" is no folder", ""},
            {{"event", ""}, "the event's name is empty", " event"},
            {{"event", "opened", "--data"}, "--data needs a value", " event"},
            {{"share", "submit"}, "share submit needs --data", " share submit"},

@@ -27,7 +27,7 @@ class Doctor : public CommandTest {
  protected:
   /// With a folder for the transfer service of this test alone.
   Run examine(const DevServer* server, Program::Variables more = {}, const std::vector<std::string>& options = {"--json"}) {
-    more.emplace_back("KESTROVA_TRANSFER_DIR", home.path() + "/transfer");
+    more.emplace_back("KESTROVA_TRANSFER_DIR", transfers());
     std::vector<std::string> arguments = options;
     arguments.emplace_back("doctor");
     return run(arguments, server, more);
@@ -183,7 +183,7 @@ TEST_F(Doctor, AnUploadThatWaitsForAMissingTransferServiceIsIll) {
   const DevServer server;
   const Program::Variables missing{{"KESTROVA_TRANSFERD", home.path() + "/nothing"}};
   Program::Variables all = missing;
-  all.emplace_back("KESTROVA_TRANSFER_DIR", home.path() + "/transfer");
+  all.emplace_back("KESTROVA_TRANSFER_DIR", transfers());
   EXPECT_EQ(run({"upload", file("cat.gif", "GIF89a"), "--share-id", "x"}, &server, all).end, "exited with 3");
   const Run done = examine(&server, missing);
   EXPECT_EQ(done.end, "exited with 1");
@@ -198,7 +198,7 @@ TEST_F(Doctor, AnOutcomeThatTheApplicationHasNotTakenIsANotice) {
   const std::string application = home.path() + "/application";
   std::filesystem::copy(binary("kestrova"), application);
   Program::Variables all = variables(&server);
-  all.emplace_back("KESTROVA_TRANSFER_DIR", home.path() + "/transfer");
+  all.emplace_back("KESTROVA_TRANSFER_DIR", transfers());
   all.emplace_back("KESTROVA_TRANSFERD", binary("kestrova-transferd"));
   ASSERT_EQ(server.misbehave(R"({"drop": 1000000})"), "");
   Program upload(application, {"upload", file("cat.gif", "GIF89a"), "--share-id", "x"}, all);
@@ -213,8 +213,19 @@ TEST_F(Doctor, AnOutcomeThatTheApplicationHasNotTakenIsANotice) {
   EXPECT_EQ(text(done, "uploads", "state"), "notice");
   EXPECT_EQ(text(done, "uploads", "what"),
             "the transfer service runs and has 0 uploads under way; of 1 ended upload the application has not taken the outcome");
-  EXPECT_THAT(run({"uploads"}, &server, {{"KESTROVA_TRANSFER_DIR", home.path() + "/transfer"}}).output,
+  EXPECT_THAT(run({"uploads"}, &server, {{"KESTROVA_TRANSFER_DIR", transfers()}}).output,
               HasSubstr("; the application has not taken the outcome yet\n"));
+  // Beside a service too, looking at an application that is not there makes nothing.
+  const Run mistyped = examine(&server, {}, {"--json", "--bundle-id", "com.example.mistyped"});
+  EXPECT_EQ(text(mistyped, "uploads", "what"), "none under way; the transfer service is started when one is");
+  for (const std::vector<std::string>& look : {std::vector<std::string>{"uploads"}, {"share", "list"}}) {
+    const Run listed = run(look, &server, {{"KESTROVA_TRANSFER_DIR", transfers()}, {"KESTROVA_BUNDLE_ID", "com.example.mistyped"}});
+    EXPECT_EQ(listed.end, "exited with 0");
+    EXPECT_EQ(listed.output,
+              home.path() + "/home/com.example.mistyped is not there: nothing was ever kept under this identifier.\n");
+  }
+  EXPECT_FALSE(std::filesystem::exists(home.path() + "/home/com.example.mistyped"));
+  endService();
 }
 
 TEST_F(Doctor, AMissingTransferServiceIsANotice) {

@@ -31,30 +31,17 @@ using ::testing::IsEmpty;
 
 class UploadCommand : public test::CommandTest {
  protected:
-  ~UploadCommand() override {
-    if (const pid_t service = serviceProcess(); service > 0) ::kill(service, SIGTERM);
-    // It ends before its folder goes.
-    EXPECT_TRUE(becomes([&] { return serviceProcess() == 0; }));
-  }
+  ~UploadCommand() override { endService(); }
 
   Program::Variables withService(const DevServer* server) {
     Program::Variables all = variables(server);
     all.emplace_back("KESTROVA_TRANSFER_DIR", transfers());
     return all;
   }
-  std::string transfers() const { return home.path() + "/transfers"; }
   Run command(const std::vector<std::string>& arguments, const DevServer* server) {
     Program program(test::binary("kestrova"), arguments, withService(server));
     program.closeInput();
     return finish(program);
-  }
-
-  /// The service of this test's folder; 0 when none runs.
-  pid_t serviceProcess() const {
-    Program status(test::binary("kestrova-transferd"), {"--status"}, {{"KESTROVA_TRANSFER_DIR", transfers()}});
-    const bool isRunning = status.waitForEnd() == "exited with 0";
-    const std::string said = status.output();
-    return isRunning ? static_cast<pid_t>(std::stol(said.substr(said.find("process ") + 8))) : 0;
   }
 
   std::string gifFile(std::size_t bytes = 3'000'000) {
@@ -233,6 +220,7 @@ TEST_F(UploadCommand, ServiceThatCannotBeStartedKeepsTheUpload) {
 }
 
 TEST_F(UploadCommand, ListWithoutAServiceStartsNone) {
+  ASSERT_EQ(command({"event", "opened"}, nullptr).end, "exited with 3");
   const Run done = command({"uploads"}, nullptr);
   EXPECT_EQ(done.end, "exited with 0") << done.errors;
   EXPECT_EQ(done.output, (support() / "command-uploads.json").string() + ": 0 uploads; the transfer service is not needed\n");

@@ -8,6 +8,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <fstream>
@@ -18,6 +20,7 @@
 #include "platform/Value.h"
 #include "platform/linux/RapidJSONSerialization.h"
 #include "support/DevServer.h"
+#include "support/Event.h"
 #include "support/Program.h"
 #include "support/TemporaryDirectory.h"
 
@@ -67,6 +70,21 @@ class CommandTest : public testing::Test {
     Program program(binary("kestrova"), arguments, all);
     program.closeInput();
     return finish(program);
+  }
+
+  /// The transfer service's folder, for tests that have one.
+  std::string transfers() const { return home.path() + "/transfers"; }
+  /// The service of this test's folder; 0 when none runs.
+  pid_t serviceProcess() const {
+    Program status(binary("kestrova-transferd"), {"--status"}, {{"KESTROVA_TRANSFER_DIR", transfers()}});
+    const bool isRunning = status.waitForEnd() == "exited with 0";
+    const std::string said = status.output();
+    return isRunning ? static_cast<pid_t>(std::stol(said.substr(said.find("process ") + 8))) : 0;
+  }
+  /// It has to end before its folder goes.
+  void endService() const {
+    if (const pid_t service = serviceProcess(); service > 0) ::kill(service, SIGTERM);
+    EXPECT_TRUE(becomes([&] { return serviceProcess() == 0; }));
   }
 
   TemporaryDirectory home;

@@ -41,6 +41,12 @@ TEST_F(LineReaderTest, ALineOfTheLimitIsTakenAndALongerOneIsLeftOut) {
   EXPECT_EQ(longest->text.size(), LineReader::kMaxLine);
   EXPECT_EQ(fine.next()->text, "next");
 
+  const std::string oneMore(LineReader::kMaxLine + 1, 'x');
+  LineReader byOne = readerOf(oneMore + "\n" + oneMore);
+  EXPECT_TRUE(byOne.next()->isTooLong);
+  EXPECT_TRUE(byOne.next()->isTooLong);
+  EXPECT_FALSE(byOne.next());
+
   LineReader longer =
       readerOf(std::string(3 * LineReader::kMaxLine, 'x') + "\nnext\n" + std::string(2 * LineReader::kMaxLine, 'y'));
   EXPECT_TRUE(longer.next()->isTooLong);
