@@ -35,6 +35,7 @@
 #include "support/Files.h"
 #include "support/Program.h"
 #include "support/RealClient.h"
+#include "support/ServiceEnd.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TlsTestServer.h"
 #include "transfer/linux/Startup.h"
@@ -80,7 +81,7 @@ class ServiceTest : public testing::Test {
   }
   ~ServiceTest() override {
     if (const auto service = transfer::answeringService(directory_)) kill(*service, SIGTERM);
-    EXPECT_TRUE(transfer::takeLock(directory_)->isOpen()) << "the service ends before its folder";
+    EXPECT_TRUE(serviceEnds(directory_)) << "the service ends before its folder";
   }
 
   TemporaryDirectory folder_;
@@ -137,12 +138,15 @@ class Application {
     process_ = platform::makeSystemProcess(options_);
     scope_.emplace(*process_);
   }
-  ~Application() {
+  ~Application() { end(); }
+  Application(const Application&) = delete;
+  Application& operator=(const Application&) = delete;
+
+  /// Ends its sessions and its threads.
+  void end() {
     process_->backgroundSessions.reset();
     process_->queues.reset();
   }
-  Application(const Application&) = delete;
-  Application& operator=(const Application&) = delete;
 
   BackgroundURLSessionRef session(const std::string& identifier) {
     return process_->backgroundSessions->sessionWithConfigurationDelegateDelegateQueue(
@@ -227,6 +231,11 @@ class Conversation {
 
 class TwoApplications : public ServiceTest {
  protected:
+  // The threads of both read the record in force, which is that of one of them: none goes while a thread of the other runs.
+  ~TwoApplications() override {
+    one_.end();
+    two_.end();
+  }
   std::string file(const std::string& name) const { return writeFile(folder_.path() + "/" + name, "GIF89a " + name); }
   std::string home(const std::string& name) const { return folder_.path() + "/" + name; }
   /// Both upload in a session of one name, and each in one of its own; none is answered yet.

@@ -18,6 +18,7 @@
 #include "platform/linux/TransferDirectory.h"
 #include "support/Event.h"
 #include "support/Program.h"
+#include "support/ServiceEnd.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestProcess.h"
 #include "support/TlsTestServer.h"
@@ -79,7 +80,7 @@ TEST_F(TransferService, AStartInTheBackgroundAnswersAndASecondOneFindsIt) {
   EXPECT_EQ(second->waitForEnd(), "exited with 0");
   EXPECT_EQ(second->output(), "kestrova-transferd runs already, as process " + number + "\n");
   ASSERT_EQ(kill(*process, SIGTERM), 0);
-  EXPECT_TRUE(transfer::takeLock(directory_)->isOpen());
+  EXPECT_TRUE(serviceEnds(directory_));
 }
 
 TEST_F(TransferService, ManyStartsAtOnceMakeOneService) {
