@@ -43,10 +43,13 @@ class StoppedDemo : public testing::Test {
     EXPECT_TRUE(fs::is_empty(folder_.path()));
     EXPECT_THAT(processesWith(folder_.path()), testing::IsEmpty());
   }
-  /// Stops the demo once it has printed lines that hold the texts, each of which may take its time.
+  /// Waits for lines that hold the texts, each of which may take its time.
+  static void waitForLines(Program& program, const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) ASSERT_TRUE(program.waitForLine(text)) << text << "\n" << program.errors();
+  }
   void stopAt(const std::vector<std::string>& texts, int signal) {
     Program program(binary("kestrova"), {"demo"}, {{"TMPDIR", folder_.path()}});
-    for (const std::string& text : texts) ASSERT_TRUE(program.waitForLine(text)) << text << "\n" << program.errors();
+    ASSERT_NO_FATAL_FAILURE(waitForLines(program, texts));
     program.signal(signal);
     expectNothingLeft(program);
   }
@@ -81,6 +84,8 @@ TEST_F(StoppedDemo, LeavesNoServiceAfterTheUploadEither) {
 
 TEST_F(StoppedDemo, LeavesNothingAlsoWhenItIsNotStopped) {
   Program program(binary("kestrova"), {"demo"}, {{"TMPDIR", folder_.path()}});
+  ASSERT_NO_FATAL_FAILURE(waitForLines(program, {"The server is away", "an hour ahead", "answers with directives",
+                                                 "A share is submitted", "A GIF goes up", "grows past its limit"}));
   EXPECT_EQ(program.waitForEnd(), "exited with 0") << program.errors();
   EXPECT_TRUE(fs::is_empty(folder_.path()));
   EXPECT_THAT(processesWith(folder_.path()), testing::IsEmpty());
