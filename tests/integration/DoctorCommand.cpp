@@ -7,11 +7,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/Value.h"
 #include "support/CommandTest.h"
 #include "support/DevServer.h"
+#include "support/Event.h"
 #include "support/Files.h"
 #include "support/Program.h"
 #include "support/TlsTestServer.h"
@@ -114,6 +116,18 @@ TEST_F(Doctor, AnAuthorityThatIsNotTrustedIsIll) {
   EXPECT_THAT(text(done, "server", "advice"), HasSubstr("SSL_CERT_FILE"));
 }
 
+TEST_F(Doctor, ACertificateThatIsOutOfItsDatesAndANameThatNobodyHasGetTheirOwnAdvice) {
+  TlsTestServer server(TlsTestServer::answering(TlsTestServer::Answer{}), {.certificate = TlsTestServer::Certificate::kExpired});
+  for (const auto& [host, advice] :
+       {std::pair{"localhost:" + std::to_string(server.port()), "check this machine's date, then the server's certificate"},
+        {std::string("nowhere.invalid"), "check the name, and whether this machine's name server answers"}}) {
+    const Run done = examine(nullptr, {{"KESTROVA_API_HOST", host}, {"SSL_CERT_FILE", certificateAuthorityFile()}});
+    EXPECT_EQ(done.end, "exited with 1");
+    EXPECT_EQ(text(done, "server", "state"), "ill");
+    EXPECT_EQ(text(done, "server", "advice"), advice);
+  }
+}
+
 TEST_F(Doctor, AServerThatDoesNotAnswerIsIllWhenTheTimeIsUp) {
   TlsTestServer server([](TlsTestServer::Connection& connection) {
     (void)connection.readRequest();
@@ -192,6 +206,22 @@ TEST_F(Doctor, AnUploadThatWaitsForAMissingTransferServiceIsIll) {
             "there is no transfer service: " + home.path() + "/nothing cannot be started, so uploads wait");
 }
 
+TEST_F(Doctor, AnUploadWhoseTriesFailIsANoticeWithTheReason) {
+  const DevServer server;
+  ASSERT_EQ(server.misbehave(R"({"drop": 1000000})"), "");
+  const Program::Variables transfer{{"KESTROVA_TRANSFER_DIR", transfers()}, {"KESTROVA_TRANSFERD", binary("kestrova-transferd")}};
+  EXPECT_EQ(run({"upload", file("cat.gif", "GIF89a"), "--share-id", "x"}, &server, transfer).end, "exited with 0");
+  Run done;
+  ASSERT_TRUE(becomes([&] {
+    done = examine(&server);
+    return text(done, "uploads", "what").contains("the last try of one failed: ");
+  })) << text(done, "uploads", "what");
+  EXPECT_EQ(text(done, "uploads", "state"), "notice");
+  EXPECT_THAT(text(done, "uploads", "what"), testing::StartsWith("the transfer service runs and has 1 upload under way; the last"));
+  EXPECT_EQ(text(done, "uploads", "advice"), "it is tried again for up to 7 days; `kestrova uploads` has each one's state");
+  endService();
+}
+
 TEST_F(Doctor, AnOutcomeThatTheApplicationHasNotTakenIsANotice) {
   const DevServer server;
   // An application that is not where it was cannot be launched.
@@ -246,6 +276,34 @@ TEST_F(Doctor, DamagedLinesAreANoticeAndStayAsTheyAre) {
   EXPECT_THAT(text(done, "queue", "what"), HasSubstr("1 record of " + std::to_string(content.size()) +
                                                      " bytes, the oldest from 2026-11-20T10:00:00.000Z; 2 lines damaged"));
   EXPECT_EQ(contentOf(queueFile()), content);
+}
+
+TEST_F(Doctor, AQueueOverItsLimitIsANotice) {
+  const DevServer server;
+  std::filesystem::create_directories(std::filesystem::path(queueFile()).parent_path());
+  std::ofstream queue(queueFile(), std::ios::binary);
+  const std::string record = R"({"event":"a","localTime":"2026-11-20T10:00:00.000Z","name":")" + std::string(1021, 'x') + "\"}\n";
+  for (std::size_t bytes = 0; bytes <= 1'048'576; bytes += record.size()) queue << record;
+  queue.close();
+  const std::string content = contentOf(queueFile());
+  const Run done = examine(&server);
+  EXPECT_EQ(done.end, "exited with 0");
+  EXPECT_EQ(text(done, "queue", "state"), "notice");
+  EXPECT_THAT(text(done, "queue", "what"),
+              HasSubstr("; it is over its limit, and the next batch that fails cuts off the oldest ones"));
+  EXPECT_TRUE(contentOf(queueFile()) == content);
+}
+
+TEST_F(Doctor, AQueueThatCannotBeReadIsIll) {
+  const DevServer server;
+  std::filesystem::create_directories(queueFile());
+  const Run done = examine(&server);
+  EXPECT_EQ(done.end, "exited with 1");
+  EXPECT_EQ(text(done, "queue", "state"), "ill");
+  EXPECT_THAT(text(done, "queue", "what"), testing::StartsWith("cannot be read: "));
+  const Run shown = run({"queue"}, &server);
+  EXPECT_EQ(shown.end, "exited with 1");
+  EXPECT_THAT(shown.errors, HasSubstr("event-queue.json"));
 }
 
 TEST_F(Doctor, AFolderThatIsAFileIsIll) {

@@ -102,6 +102,16 @@ TEST_F(TransferService, AStartOfOneThatDiesBeforeItListensFailsAtOnce) {
   EXPECT_FALSE(transfer::answeringService(directory_));
 }
 
+TEST_F(TransferService, ALockThatCannotBeTakenIsToldToWhoeverStartsIt) {
+  fs::create_directory(directory_.lock());
+  const std::string reason = "kestrova-transferd: The lock “" + directory_.lock() + "” cannot be taken: Is a directory.\n";
+  for (const bool isInBackground : {false, true}) {
+    const auto starter = start(isInBackground ? std::vector<std::string>{"--background"} : std::vector<std::string>{});
+    EXPECT_EQ(starter->waitForEnd(), "exited with 1");
+    EXPECT_EQ(starter->errors(), reason);
+  }
+}
+
 TEST_F(TransferService, ItEndsWhenIdleAndOnATermSignal) {
   auto idle = start({"--idle-seconds", "0.2"});
   EXPECT_EQ(idle->waitForEnd(), "exited with 0");
