@@ -122,7 +122,7 @@ class Chapter {
       return (there = partAtServer()) >= bytes / 2;
     });
     application.reset();  // kill -9
-    require(entriesTaken().empty(), "the GIF was there before the application could be killed");
+    require(partAtServer() > 0, "the GIF was there before the application could be killed");
     printLine(fmt::format("    killed with kill -9 when the server had {} bytes", there));
   }
 

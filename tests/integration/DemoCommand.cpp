@@ -84,8 +84,9 @@ TEST_F(StoppedDemo, LeavesNoServiceAfterTheUploadEither) {
 
 TEST_F(StoppedDemo, LeavesNothingAlsoWhenItIsNotStopped) {
   Program program(binary("kestrova"), {"demo"}, {{"TMPDIR", folder_.path()}});
-  ASSERT_NO_FATAL_FAILURE(waitForLines(program, {"The server is away", "an hour ahead", "answers with directives",
-                                                 "A share is submitted", "A GIF goes up", "grows past its limit"}));
+  ASSERT_NO_FATAL_FAILURE(
+      waitForLines(program, {"The server is away", "an hour ahead", "answers with directives", "A share is submitted",
+                             "A GIF goes up", "grows past its limit", "1400 reported"}));
   EXPECT_EQ(program.waitForEnd(), "exited with 0") << program.errors();
   EXPECT_TRUE(fs::is_empty(folder_.path()));
   EXPECT_THAT(processesWith(folder_.path()), testing::IsEmpty());

@@ -2,8 +2,10 @@
 #include "support/Program.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,7 +44,8 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 std::string binary(std::string_view name) { return std::string(KESTROVA_BIN_DIR) + "/" + std::string(name); }
 
-Program::Program(const std::string& path, const std::vector<std::string>& arguments, const Variables& variables) {
+Program::Program(const std::string& path, const std::vector<std::string>& arguments, const Variables& variables)
+    : killed_(eventfd(0, EFD_CLOEXEC)) {
   std::vector<std::string> texts{path};
   texts.insert(texts.end(), arguments.begin(), arguments.end());
   std::vector<std::string> environment = platform::environmentWith({variables.rbegin(), variables.rend()});  // the last counts
@@ -72,12 +75,16 @@ Program::~Program() {
     waitForEnd();
   }
   closeInput();
+  close(killed_);
 }
 
 void Program::readAll(int descriptor, std::string& text) {
   std::array<char, 4096> buffer;
   while (true) {
-    const ssize_t count = read(descriptor, buffer.data(), buffer.size());
+    // What a killed program has started may hold the other end for ever; what is there by then is read.
+    std::array<pollfd, 2> polled{pollfd{descriptor, POLLIN, 0}, pollfd{killed_, POLLIN, 0}};
+    if (poll(polled.data(), polled.size(), -1) < 0) continue;
+    const ssize_t count = polled[0].revents != 0 ? read(descriptor, buffer.data(), buffer.size()) : 0;
     if (count < 0 && errno == EINTR) continue;
     const std::lock_guard lock(mutex_);
     if (count <= 0) {
@@ -125,6 +132,8 @@ bool Program::waitForLine(std::string_view text) {
 std::string Program::waitForEnd() {
   if (!end_.empty()) return end_;
   end_ = test::waitForEnd(process_);
+  // A program that ends by itself may leave its output to another one, which is read to its end.
+  if (!end_.starts_with("exited")) (void)eventfd_write(killed_, 1);
   outputReader_.join();
   errorReader_.join();
   return end_;

@@ -56,6 +56,7 @@ class Program {
 
   pid_t process_ = -1;
   int input_ = -1;
+  int killed_ = -1;  // readable once the program was killed
   std::string end_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
